@@ -1,0 +1,45 @@
+#pragma once
+// The process-wide logging entry points. Every caller tests
+// `CurrentLogLevel >= level` first so that the arguments of a suppressed message
+// are never evaluated; the LOG_* macros below do exactly that. The entry points
+// leave errno as they found it, so a caller may log before it maps errno.
+
+#include "log/LogLevel.h"
+
+#include <atomic>
+#include <cstdint>
+
+// Copy of the default logger's level; 0 when nothing would be written.
+extern std::atomic<int32_t> CurrentLogLevel;
+
+void Log(const char* functionName, int32_t level, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+// As Log, with "; (errno) text" of the calling thread's errno appended.
+void LogWithLastError(const char* functionName, int32_t level, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+// Sockets report through errno on this platform as well.
+void LogWithSocketError(const char* functionName, int32_t level, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+// As LogWithLastError with an explicit error number.
+void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// Sets the level of the writing side and CurrentLogLevel together.
+void SetCurrentLogLevel(int32_t level);
+
+#define LOG_AT(level, functionName, ...)                      \
+    do {                                                      \
+        if (CurrentLogLevel >= (level))                       \
+            ::Log((functionName), (level), __VA_ARGS__);      \
+    } while (0)
+
+#define LOG_ERRNO_AT(level, functionName, ...)                     \
+    do {                                                           \
+        if (CurrentLogLevel >= (level))                            \
+            ::LogWithLastError((functionName), (level), __VA_ARGS__); \
+    } while (0)
+
+#define LOG_ERROR(functionName, ...) LOG_AT(LOG_LEVEL_ERROR, functionName, __VA_ARGS__)
+#define LOG_WARN(functionName, ...) LOG_AT(LOG_LEVEL_WARN, functionName, __VA_ARGS__)
+#define LOG_INFO(functionName, ...) LOG_AT(LOG_LEVEL_INFO, functionName, __VA_ARGS__)
+#define LOG_DEBUG(functionName, ...) LOG_AT(LOG_LEVEL_DEBUG, functionName, __VA_ARGS__)
