@@ -1,5 +1,6 @@
 #include "worker/DriveIo.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,14 @@ namespace {
 bool RangeFits(uint64_t offset, uint32_t length)
 {
     return offset <= static_cast<uint64_t>(INT64_MAX) - length;
+}
+
+// A read-only block device is opened read-only; writing to it is a write
+// protection fault, not a bad handle.
+bool IsOpenReadOnly(int fd)
+{
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_ACCMODE) == O_RDONLY;
 }
 
 } // namespace
@@ -58,7 +67,8 @@ IoStatusBlock WriteAt(int fd, const uint8_t* data, uint32_t length, uint64_t off
         if (n < 0) {
             if (errno == EINTR)
                 continue;
-            iosb.status = NtStatusFromErrno(errno, IoDirection::Write);
+            iosb.status = errno == EBADF && IsOpenReadOnly(fd) ? STATUS_MEDIA_WRITE_PROTECTED
+                                                                : NtStatusFromErrno(errno, IoDirection::Write);
             break;
         }
         if (n == 0) {

@@ -1,0 +1,95 @@
+#include "platform/LittleEndian.h"
+#include "platform/NtStatus.h"
+#include "platform/UniqueFd.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+using namespace platform;
+
+namespace {
+bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
+} // namespace
+
+TEST(UniqueFd, ClosesOnceAndMovesOwnership)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ::close(fds[1]);
+    {
+        UniqueFd a(fds[0]);
+        UniqueFd b(std::move(a));
+        EXPECT_FALSE(a.valid());
+        EXPECT_EQ(b.get(), fds[0]);
+        UniqueFd c;
+        c = std::move(b);
+        EXPECT_TRUE(IsOpen(fds[0]));
+    }
+    EXPECT_FALSE(IsOpen(fds[0]));
+
+    ASSERT_EQ(::pipe(fds), 0);
+    UniqueFd keep(fds[0]);
+    const int released = keep.release();
+    EXPECT_EQ(keep.get(), -1);
+    EXPECT_TRUE(IsOpen(released));
+    keep.reset(fds[1]);  // takes another; the released one stays ours to close
+    ::close(released);
+    keep.reset();
+    EXPECT_FALSE(IsOpen(fds[1]));
+}
+
+TEST(NtStatus, MapsErrnoAsDocumented)
+{
+    EXPECT_EQ(NtStatusFromErrno(EBADF), 0xC0000008u);
+    EXPECT_EQ(NtStatusFromErrno(EINVAL), 0xC000000Du);
+    EXPECT_EQ(NtStatusFromErrno(EIO), 0xC0000185u);
+    EXPECT_EQ(NtStatusFromErrno(ENOSPC), 0xC000007Fu);
+    EXPECT_EQ(NtStatusFromErrno(EROFS), 0xC00000A2u);
+    EXPECT_EQ(NtStatusFromErrno(EPERM, IoDirection::Write), 0xC00000A2u);
+    EXPECT_EQ(NtStatusFromErrno(EPERM), 0xC0000001u);
+    EXPECT_EQ(NtStatusFromErrno(EACCES), 0xC0000022u);
+    EXPECT_EQ(NtStatusFromErrno(ENOMEM), 0xC000009Au);
+    EXPECT_EQ(NtStatusFromErrno(EFBIG), 0xC0000904u);
+    EXPECT_EQ(NtStatusFromErrno(ENXIO), 0xC000000Eu);
+    EXPECT_EQ(NtStatusFromErrno(ENODEV), 0xC000000Eu);
+    EXPECT_EQ(NtStatusFromErrno(ENOMEDIUM), 0xC0000013u);
+    EXPECT_EQ(NtStatusFromErrno(EBUSY), 0xC0000043u);
+    EXPECT_EQ(NtStatusFromErrno(ENOENT), 0xC0000001u);
+    EXPECT_TRUE(NtSuccess(STATUS_PENDING));
+    EXPECT_FALSE(NtSuccess(STATUS_END_OF_FILE));
+}
+
+TEST(LeReader, ReadsLittleEndianAndNeverPastTheEnd)
+{
+    const std::vector<uint8_t> bytes = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B};
+    LeReader reader(bytes.data(), bytes.size());
+    uint16_t a = 0;
+    uint64_t b = 0;
+    ASSERT_TRUE(reader.u16(a));
+    EXPECT_EQ(a, 0x0201);
+    ASSERT_TRUE(reader.u64(b));
+    EXPECT_EQ(b, 0x0A09080706050403ull);
+    uint32_t c = 0xFFFFFFFF;
+    EXPECT_FALSE(reader.u32(c));  // one byte left
+    EXPECT_EQ(c, 0xFFFFFFFFu);     // a failed read leaves the target and the cursor alone
+    EXPECT_EQ(reader.remaining(), 1u);
+    const uint8_t* view = nullptr;
+    EXPECT_FALSE(reader.bytes(2, view));
+    EXPECT_FALSE(reader.skip(SIZE_MAX));
+    ASSERT_TRUE(reader.bytes(1, view));
+    EXPECT_EQ(*view, 0x0B);
+    EXPECT_EQ(reader.remaining(), 0u);
+
+    LeReader empty(nullptr, 100);  // a null buffer has no bytes whatever its size says
+    EXPECT_FALSE(empty.skip(1));
+
+    uint8_t out[8];
+    StoreLe<uint64_t>(out, 0x1122334455667788ull);
+    EXPECT_EQ(out[0], 0x88);
+    EXPECT_EQ(out[7], 0x11);
+    EXPECT_EQ(LoadLe<uint64_t>(out), 0x1122334455667788ull);
+}

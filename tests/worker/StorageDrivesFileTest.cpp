@@ -1,0 +1,272 @@
+// The drive service on real files through the Linux drive calls.
+
+#include "worker/DriveServiceHarness.h"
+
+#include "common/LogCapture.h"
+#include "common/TempDir.h"
+
+#include "platform/Utf.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+namespace {
+
+constexpr size_t kFileSize = 3 * 65536 + 1000;  // not a multiple of any block size
+
+std::u16string Wide(const std::string& path)
+{
+    return *platform::Utf8ToUtf16(path);
+}
+
+std::vector<uint8_t> FileBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<uint8_t> Expected(uint64_t offset, size_t length)
+{
+    std::vector<uint8_t> out(length);
+    for (size_t i = 0; i < length; ++i)
+        out[i] = PatternByte(offset + i);
+    return out;
+}
+
+class StorageDrivesFile : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        image = dir.file("disk.img");
+        WritePatternFile(image, kFileSize);
+        const auto reply = CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, Wide(image)));
+        ASSERT_TRUE(reply.result);
+    }
+
+    TempDir dir;
+    std::string image;
+    ScopedLogCapture log{LOG_LEVEL_DEBUG};
+    StorageDrives drives;
+};
+
+} // namespace
+
+TEST_F(StorageDrivesFile, QueryReportsTheFileSizeReadOnlyAndNoGeometry)
+{
+    const auto reply = CallService(drives, EncodeQueryDiskRequest(0xABCDEF, 'F', 2, Wide(image)));
+    ASSERT_EQ(reply.raw.size(), 64u);
+    std::vector<uint8_t> expected(64, 0);
+    platform::StoreLe<uint64_t>(&expected[0], 0xABCDEF);
+    expected[24] = 32;
+    platform::StoreLe<uint64_t>(&expected[32], kFileSize);
+    expected[40] = 1;
+    EXPECT_EQ(reply.raw, expected);
+    // The volume controls do not apply to a file; the query goes on without them.
+    EXPECT_EQ(log.Count("FSCTL_ALLOW_EXTENDED_DASD_IO failed with error 25, format will be blocked."), 2u);
+}
+
+TEST_F(StorageDrivesFile, ReadsReturnTheBytesAndAreClippedAtTheRecordedSize)
+{
+    auto reply = CallService(drives, EncodeReadRequest(7, 'E', 1, 1000, 70000));
+    EXPECT_TRUE(reply.result);
+    EXPECT_EQ(reply.header.status, 0u);
+    EXPECT_EQ(reply.raw.size(), 36u + 70000u);
+    EXPECT_EQ(reply.readData(), Expected(1000, 70000));
+
+    // Up to the end exactly: no clipping, no warning.
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, kFileSize - 4096, 4096));
+    EXPECT_EQ(reply.readData(), Expected(kFileSize - 4096, 4096));
+    EXPECT_EQ(log.CountContaining("beyond the end"), 0u);
+
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, kFileSize - 100, 512));
+    EXPECT_EQ(reply.readData(), Expected(kFileSize - 100, 100));
+    EXPECT_EQ(log.Count("Read request is beyond the end of the file. (offset: " + std::to_string(kFileSize - 100) +
+                        ", len: 512). The new length is 100."),
+              1u);
+
+    // A length that would wrap is clipped, not wrapped.
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, 5, 0xFFFFFFFF));
+    EXPECT_EQ(reply.readData(), Expected(5, kFileSize - 5));
+
+    // Zero bytes: an empty read with a count of 0.
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, 10, 0));
+    EXPECT_EQ(reply.header.status, 0u);
+    EXPECT_EQ(reply.raw.size(), 36u);
+    EXPECT_TRUE(reply.readData().empty());
+}
+
+TEST_F(StorageDrivesFile, ReadsAtOrPastTheEndAnswerEndOfFile)
+{
+    for (uint64_t offset : {uint64_t{kFileSize}, uint64_t{kFileSize} + 1, ~uint64_t{0}, ~uint64_t{0} - 10}) {
+        SCOPED_TRACE(offset);
+        const auto reply = CallService(drives, EncodeReadRequest(7, 'E', 1, offset, 4096));
+        EXPECT_TRUE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC0000011u);
+        EXPECT_EQ(reply.header.information, 0u);
+        EXPECT_EQ(reply.raw.size(), 32u);
+    }
+    EXPECT_EQ(log.CountContaining("The new length is 0."), 4u);
+
+    // A letter without a record has size 0: nothing to read there either.
+    auto reply = CallService(drives, EncodeReadRequest(7, 'X', 1, 0, 16));
+    EXPECT_EQ(reply.header.status, 0xC0000011u);
+    reply = CallService(drives, EncodeReadRequest(7, 'X', 1, 0, 0));
+    EXPECT_EQ(reply.header.status, 0xC0000008u);  // the invalid handle, tried with nothing to read
+    EXPECT_EQ(reply.raw.size(), 32u);
+}
+
+TEST_F(StorageDrivesFile, ReadsOverTheLimitAreRefused)
+{
+    // A sparse file larger than the limit, so that clipping does not help.
+    const std::string big = dir.file("big.img");
+    {
+        std::ofstream touch(big);
+    }
+    ASSERT_EQ(::truncate(big.c_str(), 1ll << 40), 0);
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'B', 1, Wide(big))).result);
+    auto reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, 0xFFFFFFFF));
+    EXPECT_FALSE(reply.result);
+    EXPECT_EQ(reply.header.status, 0xC000000Du);
+    EXPECT_EQ(reply.raw.size(), 32u);
+    reply = CallService(drives, EncodeReadRequest(7, 'B', 1, (1ll << 40) - 8, StorageDrives::kMaxReadLength));
+    EXPECT_EQ(reply.readData(), std::vector<uint8_t>(8, 0));
+    reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, StorageDrives::kMaxReadLength));
+    EXPECT_EQ(reply.header.status, 0u);
+    EXPECT_EQ(reply.header.information, StorageDrives::kMaxReadLength);
+}
+
+TEST_F(StorageDrivesFile, WritesLandAndAreNotClipped)
+{
+    const auto data = Pattern(5000, 3);
+    auto reply = CallService(drives, EncodeWriteRequest(9, 'E', 1, 70000, data.data(), 5000));
+    EXPECT_TRUE(reply.result);
+    ASSERT_EQ(reply.raw.size(), 32u);
+    EXPECT_EQ(reply.header.status, 0u);
+    EXPECT_EQ(reply.header.information, 5000u);
+    reply = CallService(drives, EncodeWriteRequest(DR_IOCONTEXT_NO_RESPONSE, 'E', 1, 0, data.data(), 10));
+    EXPECT_FALSE(reply.present);
+
+    // Past the recorded size: the file grows, reads stay clipped at the old size.
+    reply = CallService(drives, EncodeWriteRequest(9, 'E', 1, kFileSize + 10, data.data(), 100));
+    EXPECT_EQ(reply.header.information, 100u);
+
+    auto bytes = FileBytes(image);
+    ASSERT_EQ(bytes.size(), kFileSize + 110);
+    auto expected = Expected(0, kFileSize);
+    std::copy(data.begin(), data.end(), expected.begin() + 70000);
+    std::copy(data.begin(), data.begin() + 10, expected.begin());
+    expected.resize(kFileSize + 110, 0);
+    std::copy(data.begin(), data.begin() + 100, expected.begin() + kFileSize + 10);
+    EXPECT_EQ(bytes, expected);
+
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, kFileSize, 110));
+    EXPECT_EQ(reply.header.status, 0xC0000011u);
+
+    // Offsets past what a file offset can hold are refused, not wrapped.
+    reply = CallService(drives, EncodeWriteRequest(9, 'E', 1, ~uint64_t{0} - 2, data.data(), 10));
+    EXPECT_EQ(reply.header.status, 0xC000000Du);
+    EXPECT_EQ(reply.header.information, 0u);
+    // A write to a letter that has no record fails on the invalid handle.
+    reply = CallService(drives, EncodeWriteRequest(9, 'Y', 1, 0, data.data(), 10));
+    EXPECT_EQ(reply.header.status, 0xC0000008u);
+}
+
+TEST_F(StorageDrivesFile, OpenFailuresAnswerUnsuccessful)
+{
+    const std::string fifo = dir.file("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::u16string> paths = {Wide(dir.file("missing")), Wide(dir.path()), Wide(fifo),
+                                               std::u16string{u'/', u'\xDC00'}, u"\\\\.\\..\\null", u"",
+                                               u"\\\\.\\no-such-device-here"};
+    for (const auto& path : paths) {
+        const auto reply = CallService(drives, EncodeQueryDiskRequest(1, 'F', 1, path));
+        EXPECT_FALSE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC0000001u);
+        EXPECT_EQ(reply.raw.size(), 32u);
+    }
+}
+
+TEST_F(StorageDrivesFile, ReleaseClosesAndNothingLeaks)
+{
+    const size_t before = CountOpenDescriptors();
+    for (int round = 0; round < 20; ++round) {
+        CallService(drives, EncodeQueryDiskRequest(1, 'F', 1, Wide(image)));
+        CallService(drives, EncodeQueryDiskRequest(1, 'G', 1, Wide(image)));
+        CallService(drives, EncodeQueryDiskRequest(1, 'G', 1, Wide(image)));  // replaces
+        CallService(drives, EncodeReleaseDiskRequest(1, 'F'));
+    }
+    EXPECT_EQ(CountOpenDescriptors(), before + 1);  // G
+    EXPECT_EQ(CountOpenDescriptors(image), 2u);     // E and G
+    drives.Uninit();
+    EXPECT_EQ(CountOpenDescriptors(image), 0u);
+    EXPECT_EQ(CountOpenDescriptors(), before - 1);  // E went too
+}
+
+TEST_F(StorageDrivesFile, ConcurrentReadsAndWritesOnOneService)
+{
+    constexpr int kThreads = 4;
+    constexpr size_t kSlice = 4096;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    ScopedLogCapture quiet(LOG_LEVEL_ERROR);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            // Each thread owns slices t, t+4, ...: write, then read back through the service.
+            for (int round = 0; round < 50; ++round) {
+                for (size_t slice = static_cast<size_t>(t); (slice + 1) * kSlice <= kFileSize; slice += kThreads) {
+                    const auto data = Pattern(kSlice, static_cast<uint8_t>(round * 16 + t));
+                    const uint64_t offset = slice * kSlice;
+                    auto w = CallService(drives, EncodeWriteRequest(1, 'E', 1, offset, data.data(), kSlice));
+                    auto r = CallService(drives, EncodeReadRequest(2, 'E', 1, offset, kSlice));
+                    if (w.header.information != kSlice || r.readData() != data)
+                        ++failures;
+                }
+            }
+        });
+    }
+    // Meanwhile a fifth thread keeps replacing another letter's record on the
+    // same file: transfers on E must never see a closed or reused descriptor.
+    std::atomic<bool> stop{false};
+    std::thread requery([&] {
+        while (!stop)
+            CallService(drives, EncodeQueryDiskRequest(1, 'R', 1, Wide(image)));
+    });
+    for (auto& thread : threads)
+        thread.join();
+    stop = true;
+    requery.join();
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(StorageDrivesFile, TransfersOutliveAReleaseOfTheirDrive)
+{
+    // Reads racing releases and re-queries of the same letter either read the
+    // file or find no drive; they never read another descriptor's bytes.
+    ScopedLogCapture quiet(LOG_LEVEL_ALWAYS);
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    std::thread reader([&] {
+        while (!stop) {
+            const auto r = CallService(drives, EncodeReadRequest(2, 'E', 1, 4096, 4096));
+            if (r.header.status == 0 && r.readData() != Expected(4096, 4096))
+                ++wrong;
+        }
+    });
+    const std::string other = dir.file("other.img");
+    WritePatternFile(other, kFileSize, 99);
+    for (int i = 0; i < 300; ++i) {
+        CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
+        CallService(drives, EncodeQueryDiskRequest(1, 'O', 1, Wide(other)));  // may reuse E's old number
+        CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, Wide(image)));
+    }
+    stop = true;
+    reader.join();
+    EXPECT_EQ(wrong, 0);
+}

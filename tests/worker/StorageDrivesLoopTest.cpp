@@ -1,0 +1,184 @@
+// The drive service on real loop devices: lock (exclusive claim), dismount,
+// size, writability and geometry, release, and every byte through the service.
+
+#include "worker/DriveServiceHarness.h"
+
+#include "common/LogCapture.h"
+#include "common/LoopDevice.h"
+#include "common/TempDir.h"
+
+#include "platform/UniqueFd.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+constexpr size_t kImageSize = 16u << 20;
+
+class StorageDrivesLoop : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string reason = LoopDevicesUnavailableReason();
+        if (!reason.empty())
+            GTEST_SKIP() << "no loop devices: " << reason;
+    }
+
+    std::unique_ptr<LoopDevice> Attach(const std::string& name, bool readOnly = false, uint32_t seed = 1)
+    {
+        const std::string image = dir.file(name);
+        WritePatternFile(image, kImageSize, seed);
+        std::string error;
+        auto device = LoopDevice::Attach(image, readOnly, error);
+        EXPECT_TRUE(device) << error;
+        return device;
+    }
+
+    // True when the device can be claimed exclusively right now (nobody holds it).
+    static bool Claimable(const LoopDevice& device)
+    {
+        platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+        return fd.valid();
+    }
+
+    TempDir dir;
+    ScopedLogCapture log{LOG_LEVEL_DEBUG};
+    StorageDrives drives;
+};
+
+} // namespace
+
+TEST_F(StorageDrivesLoop, QueryLocksAndDismountsAMountedDevice)
+{
+    auto device = Attach("mounted.img");
+    ASSERT_TRUE(device);
+    std::string error;
+    ASSERT_TRUE(device->MakeExt4(error)) << error;
+    const std::string mountPoint = dir.file("mnt");
+    ASSERT_EQ(::mkdir(mountPoint.c_str(), 0700), 0);
+    ASSERT_TRUE(device->Mount(mountPoint, error)) << error;
+    ASSERT_EQ(device->MountPoints().size(), 1u);
+
+    const auto reply = CallService(drives, EncodeQueryDiskRequest(0x55, 'E', 9, device->drivePath()));
+    EXPECT_TRUE(reply.result);
+    ASSERT_EQ(reply.raw.size(), 64u);
+    std::vector<uint8_t> expected(64, 0);
+    expected[0] = 0x55;
+    expected[24] = 32;
+    platform::StoreLe<uint64_t>(&expected[32], kImageSize);
+    expected[40] = 0;                 // writable
+    expected[44] = MEDIA_TYPE_FIXED;  // loop devices are not removable
+    expected[48] = 255;               // loop has no geometry of its own
+    expected[52] = 63;
+    platform::StoreLe<uint32_t>(&expected[56], 512);
+    EXPECT_EQ(reply.raw, expected);
+
+    // First lock refused while mounted, dismount, then the retry holds the claim.
+    EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed."), 1u);
+    EXPECT_EQ(log.Count("FSCTL_DISMOUNT_VOLUME succeeded."), 1u);
+    EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME succeeded now."), 1u);
+    EXPECT_TRUE(device->MountPoints().empty());
+    EXPECT_FALSE(Claimable(*device));
+    EXPECT_EQ(CountOpenDescriptors(device->path()), 2u);  // the handle and its claim
+
+    const auto release = CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
+    EXPECT_FALSE(release.present);
+    EXPECT_TRUE(Claimable(*device));
+    EXPECT_EQ(CountOpenDescriptors(device->path()), 0u);
+}
+
+TEST_F(StorageDrivesLoop, ReadOnlyDeviceIsReportedReadOnlyAndRefusesWrites)
+{
+    auto device = Attach("ro.img", true);
+    ASSERT_TRUE(device);
+    const auto reply = CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath()));
+    ASSERT_EQ(reply.raw.size(), 64u);
+    EXPECT_EQ(reply.raw[40], 1);
+    EXPECT_EQ(log.Count("The drive is readonly."), 1u);
+
+    const auto data = Pattern(512, 1);
+    const auto write = CallService(drives, EncodeWriteRequest(1, 'E', 1, 0, data.data(), 512));
+    EXPECT_EQ(write.header.status, 0xC00000A2u);
+    EXPECT_EQ(write.header.information, 0u);
+    const auto read = CallService(drives, EncodeReadRequest(1, 'E', 1, 0, 512));
+    std::vector<uint8_t> expected(512);
+    for (size_t i = 0; i < 512; ++i)
+        expected[i] = PatternByte(i);
+    EXPECT_EQ(read.readData(), expected);
+}
+
+TEST_F(StorageDrivesLoop, EveryByteRoundTripsThroughTheService)
+{
+    auto device = Attach("data.img", false, 7);
+    ASSERT_TRUE(device);
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath())).result);
+
+    // What the image held before attaching.
+    constexpr uint32_t kChunk = 1u << 20;
+    for (uint64_t offset = 0; offset < kImageSize; offset += kChunk) {
+        const auto reply = CallService(drives, EncodeReadRequest(1, 'E', 1, offset, kChunk));
+        const auto data = reply.readData();
+        ASSERT_EQ(data.size(), kChunk);
+        for (size_t i = 0; i < kChunk; ++i)
+            ASSERT_EQ(data[i], PatternByte(offset + i, 7)) << "offset " << offset + i;
+    }
+    // Odd offsets and lengths, written through the service and read back, and
+    // through an independent descriptor of the device.
+    const auto data = Pattern(100003, 5);
+    const uint64_t offset = kImageSize - 100003 - 13;
+    const auto written = CallService(drives, EncodeWriteRequest(1, 'E', 1, offset, data.data(), 100003));
+    EXPECT_EQ(written.header.information, 100003u);
+    EXPECT_EQ(CallService(drives, EncodeReadRequest(1, 'E', 1, offset, 100003)).readData(), data);
+    platform::UniqueFd direct(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(direct);
+    std::vector<uint8_t> back(100003);
+    ASSERT_EQ(::pread(direct.get(), back.data(), back.size(), static_cast<off_t>(offset)), 100003);
+    EXPECT_EQ(back, data);
+
+    // Writes are not clipped: past the end of the device the system says no.
+    const auto past = CallService(drives, EncodeWriteRequest(1, 'E', 1, kImageSize, data.data(), 512));
+    EXPECT_EQ(past.header.status, 0xC000007Fu);
+    EXPECT_EQ(past.header.information, 0u);
+}
+
+TEST_F(StorageDrivesLoop, SecondQueryReplacesAndUninitReleasesAll)
+{
+    auto first = Attach("one.img");
+    auto second = Attach("two.img");
+    ASSERT_TRUE(first && second);
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, first->drivePath())).result);
+    EXPECT_FALSE(Claimable(*first));
+    // The same letter again, now on the second device: the first is let go.
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 2, second->drivePath())).result);
+    EXPECT_EQ(log.Count("The local drive (id=2, drive=E) record will be overwritten."), 1u);
+    EXPECT_TRUE(Claimable(*first));
+    EXPECT_EQ(CountOpenDescriptors(first->path()), 0u);
+    EXPECT_FALSE(Claimable(*second));
+
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'D', 3, first->drivePath())).result);
+    EXPECT_FALSE(Claimable(*first));
+    drives.Uninit();
+    EXPECT_TRUE(Claimable(*first));
+    EXPECT_TRUE(Claimable(*second));
+    EXPECT_EQ(CountOpenDescriptors(first->path()) + CountOpenDescriptors(second->path()), 0u);
+    EXPECT_EQ(log.CountContaining("Failed to unlock"), 0u);
+}
+
+TEST_F(StorageDrivesLoop, SecondQueryOfTheSameDeviceCannotClaimItTwice)
+{
+    auto device = Attach("same.img");
+    ASSERT_TRUE(device);
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath())).result);
+    log.Clear();
+    // The first handle still holds the claim while the second one asks for it.
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath())).result);
+    EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed again. last error 16"), 1u);
+    EXPECT_EQ(CountOpenDescriptors(device->path()), 1u);  // the new handle, without a claim
+    CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
+    EXPECT_EQ(log.Count("Failed to unlock the volume (err: 22)"), 1u);
+    EXPECT_EQ(CountOpenDescriptors(device->path()), 0u);
+}
