@@ -168,6 +168,8 @@ TEST_F(StorageDrivesFile, WritesLandAndAreNotClipped)
 
     reply = CallService(drives, EncodeReadRequest(7, 'E', 1, kFileSize, 110));
     EXPECT_EQ(reply.header.status, 0xC0000011u);
+    reply = CallService(drives, EncodeReadRequest(7, 'E', 1, kFileSize - 10, 110));
+    EXPECT_EQ(reply.readData(), std::vector<uint8_t>(expected.begin() + kFileSize - 10, expected.begin() + kFileSize));
 
     // Offsets past what a file offset can hold are refused, not wrapped.
     reply = CallService(drives, EncodeWriteRequest(9, 'E', 1, ~uint64_t{0} - 2, data.data(), 10));
