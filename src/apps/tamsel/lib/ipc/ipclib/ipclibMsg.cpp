@@ -1,0 +1,102 @@
+#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace tamsel::ipc {
+
+namespace {
+constexpr const char* kIpclibTraceFile = "apps\\tamsel\\lib\\ipc\\ipclib\\ipclibMsg";
+} // namespace
+
+KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, uint64_t srcStreamId,
+                         uint64_t destStreamId, uint32_t totalSize)
+    : m_msgId(nextMsgId()),
+      m_msgType(type),
+      m_flags(flags),
+      m_status(status),
+      m_srcStreamId(srcStreamId),
+      m_destStreamId(destStreamId),
+      m_size(totalSize),
+      m_remaining(totalSize),
+      m_data(nullptr),
+      m_ownsBuffer(true)
+{
+    KXIPC_TRACE(Msg, "- srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+}
+
+KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, std::shared_ptr<KxIpclibStream> stream,
+                         uint64_t srcStreamId, uint64_t destStreamId, uint32_t size, const void* data,
+                         KxIpclibMsgCompletion completion)
+    : m_msgId(nextMsgId()),
+      m_msgType(type),
+      m_flags(flags),
+      m_status(status),
+      m_stream(std::move(stream)),
+      m_srcStreamId(srcStreamId),
+      m_destStreamId(destStreamId),
+      m_size(size),
+      m_remaining(size),
+      // The sender's bytes are only read; const is restored by the accessors.
+      m_data(static_cast<uint8_t*>(const_cast<void*>(data))),
+      m_completion(std::move(completion)),
+      m_ownsBuffer(false)
+{
+    KXIPC_TRACE(Msg, "- srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+}
+
+KxIpclibMsg::~KxIpclibMsg()
+{
+    KXIPC_TRACE(Msg, "- srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+    if (m_ownsBuffer)
+        std::free(m_data);
+}
+
+KxIpcStatusCode KxIpclibMsg::appendData(uint32_t length, const void* bytes)
+{
+    KXIPC_TRACE(Msg, "> srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+    auto exit = [&](KxIpcStatusCode status) {
+        KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId,
+                    m_msgId);
+        return status;
+    };
+    if (!m_ownsBuffer)
+        return exit(KxIpcStatusInvalidState);
+    if (length > m_remaining)
+        return exit(KxIpcStatusBufferTooSmall);
+    if (m_data == nullptr) {
+        // One byte at least, so that an empty message also has its buffer.
+        m_data = static_cast<uint8_t*>(std::malloc(m_size == 0 ? 1 : m_size));
+        if (m_data == nullptr) {
+            exit(KxIpcStatusOutOfMemory);
+            throw std::bad_alloc();
+        }
+    }
+    if (length != 0)
+        std::memcpy(m_data + (m_size - m_remaining), bytes, length);
+    m_remaining -= length;
+    return exit(KxIpcStatusSuccess);
+}
+
+void KxIpclibMsg::resetCursor()
+{
+    m_remaining = m_size;
+    m_blockCursor = 0;
+}
+
+void KxIpclibMsg::sendComplete(KxIpcStatusCode status)
+{
+    KXIPC_TRACE(Msg, "> srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+    auto self = shared_from_this();
+    m_completion(status, self);  // an empty completion throws std::bad_function_call
+    m_completionStatus = status;
+    if (m_stream)
+        streamSendComplete(*m_stream, self);
+    KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId,
+                m_msgId);
+}
+
+} // namespace tamsel::ipc

@@ -1,0 +1,9 @@
+#pragma once
+// Trace lines of the IPC library: ">" on entry, "<" on exit, "-" for a note,
+// through the logger of the calling class, with the operation's name.
+// Each source file names itself in kIpclibTraceFile before using the macro.
+
+#include "log/IpcTrace.h"
+
+#define KXIPC_TRACE(logger, ...) \
+    ::IpcTrace(::IpcTraceLogger::logger, ::IpcTraceSite{kIpclibTraceFile, __LINE__, __func__}, __VA_ARGS__)
