@@ -30,10 +30,10 @@ std::optional<std::string> DrivePathToLinux(std::u16string_view path)
     if (path.find(u'\0') != std::u16string_view::npos)
         return std::nullopt;
     auto utf8 = platform::Utf16ToUtf8(path);
-    if (!utf8)
+    if (!utf8 || utf8->empty())
         return std::nullopt;
     if (!IsDevicePath(path))
-        return utf8;
+        return (*utf8)[0] == '/' ? utf8 : std::nullopt;  // the worker's working directory means nothing to the peer
     // "\\.\" then the device name, whose components must stay below /dev.
     if (utf8->size() < 4 || (*utf8)[3] != '\\')
         return std::nullopt;

@@ -54,8 +54,9 @@ const DriveCallTable* SetDriveCalls(const DriveCallTable* table);
 const DriveCallTable& LinuxDriveCalls();
 
 // "\\.\name" is the device /dev/name (backslashes become '/'); any other path is
-// a Linux path as it stands. Refuses text that is not valid UTF-16, an embedded
-// zero, and device names that are empty or step outside /dev.
+// an absolute Linux path as it stands. Refuses text that is not valid UTF-16,
+// an embedded zero, relative paths, and device names that are empty or step
+// outside /dev.
 std::optional<std::string> DrivePathToLinux(std::u16string_view path);
 // True when the path is in the device namespace ("\\." first).
 bool IsDevicePath(std::u16string_view path);

@@ -6,6 +6,10 @@
 
 #include "worker/DriveCalls.h"
 
+#include "log/Log.h"
+
+#include <cerrno>
+
 #include <cstdint>
 
 class DriveHandle {
@@ -13,8 +17,8 @@ public:
     DriveHandle(int handle, const DriveCallTable& calls) noexcept : m_handle(handle), m_calls(&calls) {}
     ~DriveHandle()
     {
-        if (m_handle != INVALID_DRIVE_HANDLE)
-            m_calls->closeHandle(m_handle);
+        if (m_handle != INVALID_DRIVE_HANDLE && !m_calls->closeHandle(m_handle))
+            LOG_WARN("DriveHandle::~DriveHandle()", "Failed to flush and close handle %d (err: %d)", m_handle, errno);
     }
     DriveHandle(const DriveHandle&) = delete;
     DriveHandle& operator=(const DriveHandle&) = delete;

@@ -1,6 +1,9 @@
 #include "worker/DriveIo.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -80,4 +83,15 @@ IoStatusBlock WriteAt(int fd, const uint8_t* data, uint32_t length, uint64_t off
     } while (done < length);
     iosb.information = done;
     return iosb;
+}
+
+bool QueryEndOfFile(int fd, uint64_t& size)
+{
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return false;
+    if (S_ISBLK(st.st_mode))
+        return ::ioctl(fd, BLKGETSIZE64, &size) == 0;
+    size = static_cast<uint64_t>(st.st_size);
+    return true;
 }

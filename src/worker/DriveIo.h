@@ -17,3 +17,7 @@ struct IoStatusBlock {
 IoStatusBlock ReadAt(int fd, uint8_t* buffer, uint32_t length, uint64_t offset);
 // An error after some bytes were written keeps the count in `information`.
 IoStatusBlock WriteAt(int fd, const uint8_t* data, uint32_t length, uint64_t offset);
+
+// The end-of-file position of a file, or the size of a block device reached
+// through a plain path. False with errno set on failure.
+bool QueryEndOfFile(int fd, uint64_t& size);

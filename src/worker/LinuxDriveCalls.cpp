@@ -22,11 +22,14 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string>
 
 using platform::RetryOnEintr;
 using platform::UniqueFd;
 
 namespace {
+
+std::string ProcFdPath(int fd);
 
 // Claims taken by FSCTL_LOCK_VOLUME, by the descriptor of the handle they belong
 // to. Closing a handle drops its claim under the same lock, so a descriptor
@@ -41,40 +44,59 @@ public:
 
     bool Lock(int handle)
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        if (m_claims.count(handle))
-            return true;
-        char path[64];
-        std::snprintf(path, sizeof path, "/proc/self/fd/%d", handle);
-        // O_EXCL on a block device fails with EBUSY while it is mounted or claimed.
-        UniqueFd claim(RetryOnEintr([&] { return ::open(path, O_RDONLY | O_EXCL | O_CLOEXEC); }));
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            if (m_claims.count(handle))
+                return true;
+        }
+        // Opening a device can block (media checks, network block devices), so
+        // the claim is opened outside the lock. O_EXCL on a block device fails
+        // with EBUSY while it is mounted or claimed.
+        UniqueFd claim(RetryOnEintr([&] { return ::open(ProcFdPath(handle).c_str(), O_RDONLY | O_EXCL | O_CLOEXEC); }));
         if (!claim)
             return false;
-        m_claims.emplace(handle, std::move(claim));
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_claims.emplace(handle, std::move(claim));  // a claim taken meanwhile wins; ours closes
         return true;
     }
 
     bool Unlock(int handle)
     {
+        UniqueFd claim;  // closed after the lock: the last close of a device may flush it
         std::lock_guard<std::mutex> guard(m_mutex);
-        if (m_claims.erase(handle) == 0) {
+        auto it = m_claims.find(handle);
+        if (it == m_claims.end()) {
             errno = EINVAL;  // not locked
             return false;
         }
+        claim = std::move(it->second);
+        m_claims.erase(it);
         return true;
     }
 
-    bool Close(int handle)
+    // Drops the claim of `handle`. The handle itself is closed by the caller
+    // afterwards: until then its number cannot be reused, so no new handle can
+    // ever find this claim.
+    UniqueFd Release(int handle)
     {
         std::lock_guard<std::mutex> guard(m_mutex);
-        m_claims.erase(handle);
-        return ::close(handle) == 0;
+        auto it = m_claims.find(handle);
+        if (it == m_claims.end())
+            return UniqueFd();
+        UniqueFd claim = std::move(it->second);
+        m_claims.erase(it);
+        return claim;
     }
 
 private:
     std::mutex m_mutex;
     std::map<int, UniqueFd> m_claims;  // guarded by m_mutex
 };
+
+std::string ProcFdPath(int fd)
+{
+    return "/proc/self/fd/" + std::to_string(fd);
+}
 
 bool IsBlockDevice(int fd, struct stat& st)
 {
@@ -89,12 +111,23 @@ bool IsBlockDevice(int fd, struct stat& st)
 
 bool Dismount(dev_t device)
 {
-    const auto points = MountPointsOfDevice(device);
+    const auto mounts = MountsOfDevice(device);
     // Stacked mounts come later in the table; take them down first.
-    for (auto it = points.rbegin(); it != points.rend(); ++it)
-        if (::umount2(it->c_str(), 0) != 0 && errno != EINVAL)  // EINVAL: already gone
+    for (auto it = mounts.rbegin(); it != mounts.rend(); ++it) {
+        // Unmount only what the path still leads to: when another file system
+        // is mounted over the device's mount point, refuse rather than
+        // unmount that one.
+        struct statx where {};
+        if (::statx(AT_FDCWD, it->point.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &where) != 0)
             return false;
-    if (!MountPointsOfDevice(device).empty()) {
+        if (!(where.stx_mask & STATX_MNT_ID) || where.stx_mnt_id != it->mountId) {
+            errno = EBUSY;
+            return false;
+        }
+        if (::umount2(it->point.c_str(), UMOUNT_NOFOLLOW) != 0)
+            return false;
+    }
+    if (!MountsOfDevice(device).empty()) {
         errno = EBUSY;
         return false;
     }
@@ -147,31 +180,26 @@ int LinuxCreateFile(const std::u16string& path)
         errno = EINVAL;
         return -1;
     }
-    // O_NONBLOCK only so that opening a FIFO or a terminal cannot hang us; what
-    // is neither a regular file nor a block device is refused right after.
-    const int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    UniqueFd fd(RetryOnEintr([&] { return ::open(linuxPath->c_str(), O_RDWR | flags); }));
-    if (!fd && (errno == EROFS || errno == EACCES)) {
-        const int openErrno = errno;
-        struct stat st {};
-        if (::stat(linuxPath->c_str(), &st) == 0 && S_ISBLK(st.st_mode))
-            fd.reset(RetryOnEintr([&] { return ::open(linuxPath->c_str(), O_RDONLY | flags); }));
-        else
-            errno = openErrno;
-    }
-    if (!fd)
+    // Look before opening for real: opening some nodes has effects of its own
+    // (a watchdog arms, a tape rewinds, a FIFO's reader is released), so only a
+    // regular file or a block device is ever opened for I/O.
+    UniqueFd node(RetryOnEintr([&] { return ::open(linuxPath->c_str(), O_PATH | O_CLOEXEC); }));
+    if (!node)
         return -1;
     struct stat st {};
-    if (::fstat(fd.get(), &st) != 0)
+    if (::fstat(node.get(), &st) != 0)
         return -1;
     if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
         errno = ENODEV;
         return -1;
     }
-    const int current = ::fcntl(fd.get(), F_GETFL);
-    if (current < 0 || ::fcntl(fd.get(), F_SETFL, current & ~O_NONBLOCK) != 0)
-        return -1;
-    return fd.release();
+    const std::string reopen = ProcFdPath(node.get());
+    int fd = RetryOnEintr([&] { return ::open(reopen.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY); });
+    // A block device that refuses writing is opened read-only, so that its
+    // query can say so.
+    if (fd < 0 && S_ISBLK(st.st_mode) && (errno == EROFS || errno == EACCES))
+        fd = RetryOnEintr([&] { return ::open(reopen.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY); });
+    return fd;
 }
 
 bool LinuxDeviceIoControl(int handle, uint32_t code, void* output, uint32_t outputSize)
@@ -231,7 +259,20 @@ bool LinuxDeviceIoControl(int handle, uint32_t code, void* output, uint32_t outp
 
 bool LinuxCloseHandle(int handle)
 {
-    return VolumeClaims::Instance().Close(handle);
+    UniqueFd claim = VolumeClaims::Instance().Release(handle);
+    // Writes to a block device go through its page cache: flush them now, so
+    // that a device error is reported rather than lost with the descriptor.
+    bool flushed = true;
+    struct stat st {};
+    const int mode = ::fcntl(handle, F_GETFL);
+    if (::fstat(handle, &st) == 0 && S_ISBLK(st.st_mode) && mode >= 0 && (mode & O_ACCMODE) != O_RDONLY)
+        flushed = RetryOnEintr([&] { return ::fdatasync(handle); }) == 0;
+    const int flushErrno = errno;
+    claim.reset();
+    const bool closed = ::close(handle) == 0;
+    if (!flushed)
+        errno = flushErrno;
+    return flushed && closed;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -29,10 +30,10 @@ std::string Unescape(std::string_view field)
 
 } // namespace
 
-std::vector<std::string> ParseMountPointsOfDevice(std::string_view mountinfo, dev_t device)
+std::vector<MountEntry> ParseMountsOfDevice(std::string_view mountinfo, dev_t device)
 {
     // Each line: id parent major:minor root mount-point options ...
-    std::vector<std::string> points;
+    std::vector<MountEntry> points;
     size_t lineStart = 0;
     while (lineStart < mountinfo.size()) {
         size_t lineEnd = mountinfo.find('\n', lineStart);
@@ -58,16 +59,21 @@ std::vector<std::string> ParseMountPointsOfDevice(std::string_view mountinfo, de
         char tail = 0;
         if (std::sscanf(numbers.c_str(), "%u:%u%c", &major, &minor, &tail) != 2)
             continue;
+        const std::string id(fields[0]);
+        char* end = nullptr;
+        const unsigned long long mountId = std::strtoull(id.c_str(), &end, 10);
+        if (end == id.c_str() || *end != '\0')
+            continue;
         if (makedev(major, minor) == device)
-            points.push_back(Unescape(fields[4]));
+            points.push_back({mountId, Unescape(fields[4])});
     }
     return points;
 }
 
-std::vector<std::string> MountPointsOfDevice(dev_t device)
+std::vector<MountEntry> MountsOfDevice(dev_t device)
 {
     std::ifstream file("/proc/self/mountinfo");
     std::stringstream text;
     text << file.rdbuf();
-    return ParseMountPointsOfDevice(text.str(), device);
+    return ParseMountsOfDevice(text.str(), device);
 }

@@ -2,13 +2,14 @@
 
 #include "worker/StorageDrives.h"
 
+#include "worker/DriveIo.h"
+
 #include "log/Log.h"
 #include "platform/NtStatus.h"
 #include "platform/Utf.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
+#include <utility>
 
 using namespace platform;
 
@@ -83,14 +84,14 @@ bool StorageDrives::RequestDrive(const DR_REQ_HEADER& header, const DR_QUERY_DIS
         info.sectorsPerTrack = geometry.SectorsPerTrack;
         info.bytesPerSector = geometry.BytesPerSector;
     } else {
-        struct stat st {};
-        if (::fstat(handle->get(), &st) != 0) {
+        uint64_t endOfFile = 0;
+        if (!QueryEndOfFile(handle->get(), endOfFile)) {
             const NTSTATUS status = NtStatusFromErrno(errno);
             LOG_ERROR(kFn, "ZwQueryInformationFile failed with 0x%x", status);
             LOG_INFO(kFn, "disk size: %llu.", 0ull);
             return fail(status);
         }
-        info.diskSize = static_cast<uint64_t>(st.st_size);
+        info.diskSize = endOfFile;
         LOG_INFO(kFn, "disk size: %llu.", static_cast<unsigned long long>(info.diskSize));
     }
 
@@ -101,15 +102,17 @@ bool StorageDrives::RequestDrive(const DR_REQ_HEADER& header, const DR_QUERY_DIS
     }
     reply.payloadLength = DR_QUERY_DISK_RSP_SIZE;
 
+    std::shared_ptr<DriveHandle> replaced;  // closed after the lock: a close may flush a device
     {
         std::lock_guard<std::mutex> guard(m_mutex);
         auto [it, inserted] = m_drives.try_emplace(letter);
         if (!inserted)
             LOG_ERROR(kFn, "The local drive (id=%d, drive=%c) record will be overwritten.",
                       static_cast<int>(request.id), letter);
-        it->second.handle = std::move(handle);  // the replaced handle closes here
+        replaced = std::exchange(it->second.handle, std::move(handle));
         it->second.diskSize = info.diskSize;
     }
+    replaced.reset();
 
     EncodeQueryDiskResponse(PayloadOf(block), info);
     reply.status = STATUS_SUCCESS;

@@ -4,6 +4,10 @@
 #include "worker/MountTable.h"
 
 #include <fcntl.h>
+#include <linux/loop.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
 #include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -50,8 +54,11 @@ int RunCommand(const std::vector<std::string>& argv, std::string* output)
         }
     }
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    pid_t waited;
+    while ((waited = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
     }
+    if (waited != pid)
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -62,38 +69,66 @@ std::string LoopDevicesUnavailableReason()
     if (::access("/dev/loop-control", R_OK | W_OK) != 0)
         return "/dev/loop-control is not there or not writable";
     std::string out;
-    if (RunCommand({"losetup", "--version"}, &out) != 0)
-        return "losetup (util-linux) is not installed";
     if (RunCommand({"mkfs.ext4", "-V"}, &out) != 0)
         return "mkfs.ext4 (e2fsprogs) is not installed";
-    return {};
+    return EnterPrivateMountNamespace();
+}
+
+std::string EnterPrivateMountNamespace()
+{
+    static const std::string result = [] {
+        if (::unshare(CLONE_NEWNS) != 0)
+            return "cannot make a private mount namespace: errno " + std::to_string(errno);
+        if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            return "cannot make mounts private: errno " + std::to_string(errno);
+        return std::string();
+    }();
+    return result;
 }
 
 std::unique_ptr<LoopDevice> LoopDevice::Attach(const std::string& image, bool readOnly, std::string& error)
 {
-    std::vector<std::string> argv = {"losetup", "--find", "--show"};
-    if (readOnly)
-        argv.push_back("--read-only");
-    argv.push_back(image);
-    std::string out;
-    if (RunCommand(argv, &out) != 0) {
-        error = "losetup failed: " + out;
+    platform::UniqueFd control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    platform::UniqueFd backing(::open(image.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+    if (!control || !backing) {
+        error = "cannot open /dev/loop-control or the image: errno " + std::to_string(errno);
         return nullptr;
     }
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' '))
-        out.pop_back();
-    if (out.rfind("/dev/loop", 0) != 0) {
-        error = "losetup printed no device: " + out;
-        return nullptr;
+    // Another process may take the free device first: then ask again.
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
+        if (number < 0) {
+            error = "LOOP_CTL_GET_FREE failed: errno " + std::to_string(errno);
+            return nullptr;
+        }
+        const std::string path = "/dev/loop" + std::to_string(number);
+        if (::access(path.c_str(), F_OK) != 0)
+            ::mknod(path.c_str(), S_IFBLK | 0660, makedev(7, static_cast<unsigned>(number)));
+        platform::UniqueFd device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+        if (!device) {
+            error = "cannot open " + path + ": errno " + std::to_string(errno);
+            return nullptr;
+        }
+        struct loop_config config {};
+        config.fd = static_cast<uint32_t>(backing.get());
+        config.info.lo_flags = LO_FLAGS_AUTOCLEAR | (readOnly ? LO_FLAGS_READ_ONLY : 0);
+        if (::ioctl(device.get(), LOOP_CONFIGURE, &config) == 0)
+            return std::unique_ptr<LoopDevice>(new LoopDevice(path, std::move(device)));
+        if (errno != EBUSY) {
+            error = "LOOP_CONFIGURE failed: errno " + std::to_string(errno);
+            return nullptr;
+        }
     }
-    return std::unique_ptr<LoopDevice>(new LoopDevice(out));
+    error = "no free loop device after 50 attempts";
+    return nullptr;
 }
 
 LoopDevice::~LoopDevice()
 {
+    // Unmounting and letting go of our descriptor detaches the device (autoclear)
+    // once the service has closed its own.
     for (const auto& point : MountPoints())
-        ::umount2(point.c_str(), 0);
-    RunCommand({"losetup", "--detach", m_path});
+        ::umount2(point.c_str(), MNT_DETACH);
 }
 
 std::u16string LoopDevice::drivePath() const
@@ -128,5 +163,8 @@ std::vector<std::string> LoopDevice::MountPoints() const
     struct stat st {};
     if (::stat(m_path.c_str(), &st) != 0)
         return {};
-    return MountPointsOfDevice(st.st_rdev);
+    std::vector<std::string> points;
+    for (const auto& mount : MountsOfDevice(st.st_rdev))
+        points.push_back(mount.point);
+    return points;
 }

@@ -9,7 +9,9 @@ TEST(DrivePath, DeviceNamespaceMapsUnderDev)
     EXPECT_EQ(DrivePathToLinux(u"\\\\.\\loop3"), "/dev/loop3");
     EXPECT_EQ(DrivePathToLinux(u"\\\\.\\mapper\\vg-data"), "/dev/mapper/vg-data");
     EXPECT_EQ(DrivePathToLinux(u"/var/images/disk.img"), "/var/images/disk.img");
-    EXPECT_EQ(DrivePathToLinux(u"relative\\name"), "relative\\name");  // not a device: left as it is
+    EXPECT_FALSE(DrivePathToLinux(u"relative\\name"));  // relative paths mean nothing to the peer
+    EXPECT_FALSE(DrivePathToLinux(u"C:\\disk.img"));
+    EXPECT_FALSE(DrivePathToLinux(u""));
     EXPECT_TRUE(IsDevicePath(u"\\\\.\\E:"));
     EXPECT_FALSE(IsDevicePath(u"\\\\?\\E:"));
     EXPECT_FALSE(IsDevicePath(u"\\\\"));
@@ -37,10 +39,12 @@ TEST(MountTable, MatchesTheDeviceAndDecodesEscapes)
         "42 40 7:3 /sub /mnt/bind\\134x rw - ext4 /dev/loop3 rw\n"
         "bad line\n"
         "43 22 7:3x / /mnt/garbled rw - ext4 /dev/loop3 rw";
-    const auto points = ParseMountPointsOfDevice(mountinfo, makedev(7, 3));
-    ASSERT_EQ(points.size(), 2u);
-    EXPECT_EQ(points[0], "/mnt/with blank");
-    EXPECT_EQ(points[1], "/mnt/bind\\x");
-    EXPECT_TRUE(ParseMountPointsOfDevice(mountinfo, makedev(9, 9)).empty());
-    EXPECT_TRUE(ParseMountPointsOfDevice("", makedev(7, 3)).empty());
+    const auto mounts = ParseMountsOfDevice(mountinfo, makedev(7, 3));
+    ASSERT_EQ(mounts.size(), 2u);
+    EXPECT_EQ(mounts[0].point, "/mnt/with blank");
+    EXPECT_EQ(mounts[0].mountId, 40u);
+    EXPECT_EQ(mounts[1].point, "/mnt/bind\\x");
+    EXPECT_EQ(mounts[1].mountId, 42u);
+    EXPECT_TRUE(ParseMountsOfDevice(mountinfo, makedev(9, 9)).empty());
+    EXPECT_TRUE(ParseMountsOfDevice("", makedev(7, 3)).empty());
 }

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <fstream>
 #include <iterator>
 #include <thread>
@@ -74,8 +75,9 @@ TEST_F(StorageDrivesFile, QueryReportsTheFileSizeReadOnlyAndNoGeometry)
 
 TEST_F(StorageDrivesFile, ReadsReturnTheBytesAndAreClippedAtTheRecordedSize)
 {
-    auto reply = CallService(drives, EncodeReadRequest(7, 'E', 1, 1000, 70000));
+    auto reply = CallService(drives, EncodeReadRequest(0x0102030405060708ull, 'E', 1, 1000, 70000));
     EXPECT_TRUE(reply.result);
+    EXPECT_EQ(reply.header.ioContext, 0x0102030405060708ull);
     EXPECT_EQ(reply.header.status, 0u);
     EXPECT_EQ(reply.raw.size(), 36u + 70000u);
     EXPECT_EQ(reply.readData(), Expected(1000, 70000));
@@ -184,15 +186,25 @@ TEST_F(StorageDrivesFile, OpenFailuresAnswerUnsuccessful)
 {
     const std::string fifo = dir.file("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const std::vector<std::u16string> paths = {Wide(dir.file("missing")), Wide(dir.path()), Wide(fifo),
+    const std::vector<std::u16string> paths = {Wide(dir.file("missing")), Wide(dir.path()), Wide(fifo), u"relative.img",
                                                std::u16string{u'/', u'\xDC00'}, u"\\\\.\\..\\null", u"",
                                                u"\\\\.\\no-such-device-here"};
+    const size_t descriptors = CountOpenDescriptors();
     for (const auto& path : paths) {
         const auto reply = CallService(drives, EncodeQueryDiskRequest(1, 'F', 1, path));
         EXPECT_FALSE(reply.result);
         EXPECT_EQ(reply.header.status, 0xC0000001u);
         EXPECT_EQ(reply.raw.size(), 32u);
     }
+    EXPECT_EQ(CountOpenDescriptors(), descriptors);
+
+    // Looking at a FIFO must not open it: a reader blocked on it stays blocked.
+    auto reader = std::async(std::launch::async, [&] { return ::open(fifo.c_str(), O_RDONLY | O_CLOEXEC); });
+    CallService(drives, EncodeQueryDiskRequest(1, 'F', 1, Wide(fifo)));
+    EXPECT_EQ(reader.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    const int writer = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);  // lets the reader go
+    ::close(reader.get());
+    ::close(writer);
 }
 
 TEST_F(StorageDrivesFile, ReleaseClosesAndNothingLeaks)

@@ -10,6 +10,10 @@
 #include "platform/UniqueFd.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -45,6 +49,19 @@ protected:
         return fd.valid();
     }
 
+    // Descriptors of the device held by this process, not counting the test's own.
+    static size_t ServiceDescriptors(const LoopDevice& device)
+    {
+        return CountOpenDescriptors(device.path()) - LoopDevice::kOwnDescriptors;
+    }
+
+    std::string MakeDir(const std::string& name)
+    {
+        const std::string path = dir.file(name);
+        EXPECT_EQ(::mkdir(path.c_str(), 0700), 0);
+        return path;
+    }
+
     TempDir dir;
     ScopedLogCapture log{LOG_LEVEL_DEBUG};
     StorageDrives drives;
@@ -58,8 +75,7 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsAMountedDevice)
     ASSERT_TRUE(device);
     std::string error;
     ASSERT_TRUE(device->MakeExt4(error)) << error;
-    const std::string mountPoint = dir.file("mnt");
-    ASSERT_EQ(::mkdir(mountPoint.c_str(), 0700), 0);
+    const std::string mountPoint = MakeDir("mnt");
     ASSERT_TRUE(device->Mount(mountPoint, error)) << error;
     ASSERT_EQ(device->MountPoints().size(), 1u);
 
@@ -83,21 +99,29 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsAMountedDevice)
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME succeeded now."), 1u);
     EXPECT_TRUE(device->MountPoints().empty());
     EXPECT_FALSE(Claimable(*device));
-    EXPECT_EQ(CountOpenDescriptors(device->path()), 2u);  // the handle and its claim
+    EXPECT_EQ(ServiceDescriptors(*device), 2u);  // the handle and its claim
 
     const auto release = CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
     EXPECT_FALSE(release.present);
     EXPECT_TRUE(Claimable(*device));
-    EXPECT_EQ(CountOpenDescriptors(device->path()), 0u);
+    EXPECT_EQ(ServiceDescriptors(*device), 0u);
 }
 
 TEST_F(StorageDrivesLoop, ReadOnlyDeviceIsReportedReadOnlyAndRefusesWrites)
 {
     auto device = Attach("ro.img", true);
     ASSERT_TRUE(device);
-    const auto reply = CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath()));
-    ASSERT_EQ(reply.raw.size(), 64u);
-    EXPECT_EQ(reply.raw[40], 1);
+    const auto reply = CallService(drives, EncodeQueryDiskRequest(0xBEEF, 'E', 1, device->drivePath()));
+    std::vector<uint8_t> expected(64, 0);
+    platform::StoreLe<uint64_t>(&expected[0], 0xBEEF);
+    expected[24] = 32;
+    platform::StoreLe<uint64_t>(&expected[32], kImageSize);
+    expected[40] = 1;  // read-only
+    expected[44] = MEDIA_TYPE_FIXED;
+    expected[48] = 255;
+    expected[52] = 63;
+    platform::StoreLe<uint32_t>(&expected[56], 512);
+    EXPECT_EQ(reply.raw, expected);
     EXPECT_EQ(log.Count("The drive is readonly."), 1u);
 
     const auto data = Pattern(512, 1);
@@ -105,10 +129,10 @@ TEST_F(StorageDrivesLoop, ReadOnlyDeviceIsReportedReadOnlyAndRefusesWrites)
     EXPECT_EQ(write.header.status, 0xC00000A2u);
     EXPECT_EQ(write.header.information, 0u);
     const auto read = CallService(drives, EncodeReadRequest(1, 'E', 1, 0, 512));
-    std::vector<uint8_t> expected(512);
+    std::vector<uint8_t> original(512);
     for (size_t i = 0; i < 512; ++i)
-        expected[i] = PatternByte(i);
-    EXPECT_EQ(read.readData(), expected);
+        original[i] = PatternByte(i);
+    EXPECT_EQ(read.readData(), original);
 }
 
 TEST_F(StorageDrivesLoop, EveryByteRoundTripsThroughTheService)
@@ -156,7 +180,7 @@ TEST_F(StorageDrivesLoop, SecondQueryReplacesAndUninitReleasesAll)
     ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 2, second->drivePath())).result);
     EXPECT_EQ(log.Count("The local drive (id=2, drive=E) record will be overwritten."), 1u);
     EXPECT_TRUE(Claimable(*first));
-    EXPECT_EQ(CountOpenDescriptors(first->path()), 0u);
+    EXPECT_EQ(ServiceDescriptors(*first), 0u);
     EXPECT_FALSE(Claimable(*second));
 
     ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'D', 3, first->drivePath())).result);
@@ -164,7 +188,7 @@ TEST_F(StorageDrivesLoop, SecondQueryReplacesAndUninitReleasesAll)
     drives.Uninit();
     EXPECT_TRUE(Claimable(*first));
     EXPECT_TRUE(Claimable(*second));
-    EXPECT_EQ(CountOpenDescriptors(first->path()) + CountOpenDescriptors(second->path()), 0u);
+    EXPECT_EQ(ServiceDescriptors(*first) + ServiceDescriptors(*second), 0u);
     EXPECT_EQ(log.CountContaining("Failed to unlock"), 0u);
 }
 
@@ -177,8 +201,45 @@ TEST_F(StorageDrivesLoop, SecondQueryOfTheSameDeviceCannotClaimItTwice)
     // The first handle still holds the claim while the second one asks for it.
     ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath())).result);
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed again. last error 16"), 1u);
-    EXPECT_EQ(CountOpenDescriptors(device->path()), 1u);  // the new handle, without a claim
+    EXPECT_EQ(ServiceDescriptors(*device), 1u);  // the new handle, without a claim
     CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
     EXPECT_EQ(log.Count("Failed to unlock the volume (err: 22)"), 1u);
-    EXPECT_EQ(CountOpenDescriptors(device->path()), 0u);
+    EXPECT_EQ(ServiceDescriptors(*device), 0u);
+}
+
+TEST_F(StorageDrivesLoop, DismountTakesDownEveryMountOfTheDevice)
+{
+    auto device = Attach("bound.img");
+    ASSERT_TRUE(device);
+    std::string error;
+    ASSERT_TRUE(device->MakeExt4(error)) << error;
+    const std::string first = MakeDir("first");
+    const std::string second = MakeDir("second");
+    ASSERT_TRUE(device->Mount(first, error)) << error;
+    ASSERT_EQ(::mount(first.c_str(), second.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(device->MountPoints().size(), 2u);
+
+    ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath())).result);
+    EXPECT_TRUE(device->MountPoints().empty());
+    EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME succeeded now."), 1u);
+}
+
+TEST_F(StorageDrivesLoop, DismountNeverUnmountsWhatIsMountedOverTheDevice)
+{
+    auto device = Attach("covered.img");
+    ASSERT_TRUE(device);
+    std::string error;
+    ASSERT_TRUE(device->MakeExt4(error)) << error;
+    const std::string point = MakeDir("mnt");
+    ASSERT_TRUE(device->Mount(point, error)) << error;
+    ASSERT_EQ(::mount("tmpfs", point.c_str(), "tmpfs", 0, "size=1m"), 0);
+
+    CallService(drives, EncodeQueryDiskRequest(1, 'E', 1, device->drivePath()));
+    EXPECT_EQ(log.Count("FSCTL_DISMOUNT_VOLUME failed."), 1u);
+    EXPECT_EQ(log.CountContaining("FSCTL_LOCK_VOLUME succeeded"), 0u);
+    struct statfs fs {};
+    ASSERT_EQ(::statfs(point.c_str(), &fs), 0);
+    EXPECT_EQ(fs.f_type, static_cast<decltype(fs.f_type)>(TMPFS_MAGIC));  // the tmpfs is still there
+    EXPECT_EQ(device->MountPoints().size(), 1u);                           // and so is the device's mount
+    ASSERT_EQ(::umount2(point.c_str(), 0), 0);
 }
