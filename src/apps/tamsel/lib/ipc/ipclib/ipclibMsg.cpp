@@ -58,27 +58,25 @@ KxIpclibMsg::~KxIpclibMsg()
 KxIpcStatusCode KxIpclibMsg::appendData(uint32_t length, const void* bytes)
 {
     KXIPC_TRACE(Msg, "> srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
-    auto exit = [&](KxIpcStatusCode status) {
-        KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId,
-                    m_msgId);
-        return status;
-    };
-    if (!m_ownsBuffer)
-        return exit(KxIpcStatusInvalidState);
-    if (length > m_remaining)
-        return exit(KxIpcStatusBufferTooSmall);
-    if (m_data == nullptr) {
-        // One byte at least, so that an empty message also has its buffer.
-        m_data = static_cast<uint8_t*>(std::malloc(m_size == 0 ? 1 : m_size));
+    KxIpcStatusCode status = KxIpcStatusSuccess;
+    if (!m_ownsBuffer) {
+        status = KxIpcStatusInvalidState;
+    } else if (length > m_remaining) {
+        status = KxIpcStatusBufferTooSmall;
+    } else {
+        if (m_data == nullptr)  // one byte at least, so that an empty message has its buffer too
+            m_data = static_cast<uint8_t*>(std::malloc(m_size == 0 ? 1 : m_size));
         if (m_data == nullptr) {
-            exit(KxIpcStatusOutOfMemory);
+            KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId,
+                        m_msgId);
             throw std::bad_alloc();
         }
+        if (length != 0)
+            std::memcpy(m_data + (m_size - m_remaining), bytes, length);
+        m_remaining -= length;
     }
-    if (length != 0)
-        std::memcpy(m_data + (m_size - m_remaining), bytes, length);
-    m_remaining -= length;
-    return exit(KxIpcStatusSuccess);
+    KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId, m_msgId);
+    return status;
 }
 
 void KxIpclibMsg::resetCursor()
