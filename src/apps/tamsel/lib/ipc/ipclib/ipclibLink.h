@@ -1,0 +1,107 @@
+#pragma once
+// KxIpclibLink: one transport connection to the peer process. It owns the
+// streams that run over it, the queue of messages its transport writes, and
+// the control stream that answers the peer's requests to open streams. The
+// transport derives from it and moves the bytes.
+//
+// Lock order: a stream's mutex may be held when the link's lock is taken
+// (send, removeStream); the link never takes a stream's mutex while holding
+// its own lock. onLinkClosed and stopWorkers run after the lock is released.
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+
+#include "task/TaskExecutor.h"
+#include "task/WorkTask.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace tamsel::ipc {
+
+class KxIpclibLinkListener;
+class KxIpclibStream;
+class KxIpclibStreamCtrl;
+
+using KxIpclibStreamMap = std::map<uint64_t, std::shared_ptr<KxIpclibStream>>;
+
+// Values of the link's send state that the base knows; the transport may use others.
+inline constexpr uint32_t KxIpclibSendIdle = 1;
+inline constexpr uint32_t KxIpclibSendQueued = 2;
+inline constexpr uint32_t KxIpclibSendWriting = 4;
+
+class KxIpclibLink : public std::enable_shared_from_this<KxIpclibLink> {
+public:
+    using LinkLock = std::unique_lock<std::mutex>;
+
+    KxIpclibLink(const _GUID& endpoint, uint32_t linkFlags, const std::u16string& linkName, uint32_t peerProcessId,
+                 std::function<void(KxIpclibLink&)> onLinkClosed,
+                 const std::shared_ptr<KxIpclibLinkListener>& linkListener);
+    virtual ~KxIpclibLink();
+    KxIpclibLink(const KxIpclibLink&) = delete;
+    KxIpclibLink& operator=(const KxIpclibLink&) = delete;
+
+    // Base part of starting: the control stream and the send and receive tasks.
+    virtual KxIpcStatusCode start(std::shared_ptr<tamsel::task::TaskExecutor> executor, unsigned int& out);
+    // Transport operations.
+    virtual void stop(LinkLock& lock) = 0;
+    virtual KxIpcStatusCode recv(KxIpclibStreamMap& streamsTouched) = 0;
+    virtual void stopWorkers() = 0;
+    virtual void linkError() = 0;
+    virtual void linkStop(LinkLock& lock) = 0;
+    virtual void performDeferredSend(LinkLock& lock) = 0;
+
+    KxIpcStatusCode connecting();
+    // Queues a message for the transport; 8 unless Connecting or Connected.
+    KxIpcStatusCode send(std::shared_ptr<KxIpclibMsg> msg);
+    KxIpcStatusCode addStream(const std::shared_ptr<KxIpclibStream>& stream);
+    KxIpcStatusCode eraseStream(const std::shared_ptr<KxIpclibStream>& stream);
+    KxIpcStatusCode removeStream(const std::shared_ptr<KxIpclibStream>& stream);
+    std::shared_ptr<KxIpclibStream> findStream(uint64_t srcStreamId, uint64_t destStreamId,
+                                               KxIpclibStreamMap& streamsTouched);
+    std::shared_ptr<KxIpclibLinkListener> getLinkListener();
+    void close();
+    void shutdown();
+    // Closes the link when it has no stream left and is stopping; true when it did.
+    bool shutdownLinkWithCheck(LinkLock& lock);
+
+    uint64_t linkId() const { return m_linkId; }
+    const _GUID& endpoint() const { return m_endpoint; }
+    uint32_t linkFlags() const { return m_linkFlags; }
+    void addLinkFlags(uint32_t flags) { m_linkFlags |= flags; }
+    uint32_t peerProcessId() const { return m_peerProcessId; }
+    uint64_t controlStreamId();
+    KxIpclibLinkState state();
+    size_t streamCount();
+
+    // Submits the receive task: one receive pass, then delivery on the touched streams.
+    void queueRecv();
+
+protected:
+    // With the lock held: hands the queue to the send task unless it is already queued.
+    void queueDeferredSend(LinkLock& lock);
+
+    const uint64_t m_linkId;
+    std::mutex m_lock;  // guards everything below unless stated
+    KxIpclibLinkState m_state = KxIpclibLinkState::Init;
+    const _GUID m_endpoint;
+    uint32_t m_linkFlags;
+    std::u16string m_linkName;
+    const uint32_t m_peerProcessId;
+    std::shared_ptr<KxIpclibStreamCtrl> m_controlStream;
+    uint64_t m_controlStreamId = 0;
+    tamsel::task::WorkTask<void(std::weak_ptr<KxIpclibLink>)> m_sendTask;
+    tamsel::task::WorkTask<void(std::weak_ptr<KxIpclibLink>)> m_recvTask;
+    std::shared_ptr<tamsel::task::TaskExecutor> m_executor;
+    std::deque<std::shared_ptr<KxIpclibMsg>> m_sendQueue;
+    std::function<void(KxIpclibLink&)> m_onLinkClosed;
+    KxIpclibStreamMap m_streams;
+    uint32_t m_sendState = KxIpclibSendIdle;
+    std::weak_ptr<KxIpclibLinkListener> m_linkListener;
+};
+
+} // namespace tamsel::ipc

@@ -1,0 +1,165 @@
+#pragma once
+// KxIpclibStream: one bidirectional, message-oriented conversation with a
+// stream of the peer, carried over a link. It rebuilds messages from blocks,
+// runs the open/close handshake, and delivers received messages in order to
+// the application's receive function on the executor, never from inside the
+// link's receive pass. Sends go to the link without copying.
+//
+// Threads: application operations, recvBlock, the close timer and the dispatch
+// task serialise on m_mutex; onRecv runs on the executor without it, one
+// message at a time. Lock order: m_mutex before the link's lock; the waiters'
+// mutex is taken without m_mutex. Task handles are closed by the destructor,
+// never under m_mutex, because their callbacks take m_mutex themselves.
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include "apps/tamsel/lib/expected.h"
+
+#include "task/TaskContexts.h"
+#include "task/TaskExecutor.h"
+#include "task/WorkTask.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace tamsel::ipc {
+
+class KxIpclibLink;
+
+enum class KxIpclibStreamFlag : uint32_t {
+    Control = 0x8000,  // the link's control stream
+};
+
+using KxIpclibRecvFunction = std::function<void(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>)>;
+
+class KxIpclibStream : public std::enable_shared_from_this<KxIpclibStream> {
+public:
+    // The product's close time-out; tests may shorten it process-wide.
+    static constexpr std::chrono::nanoseconds kCloseTimeout = std::chrono::seconds(10);
+    static void setCloseTimeoutForTesting(std::chrono::nanoseconds timeout);
+
+    KxIpclibStream(std::shared_ptr<KxIpclibLink> link, std::weak_ptr<tamsel::task::TaskExecutor> executor,
+                   std::u16string name, Flags<KxIpclibStreamFlag> flags, uint64_t peerStreamId,
+                   KxIpclibStreamState state);
+    virtual ~KxIpclibStream();
+    KxIpclibStream(const KxIpclibStream&) = delete;
+    KxIpclibStream& operator=(const KxIpclibStream&) = delete;
+
+    // Application operations.
+    KxIpcStatusCode accept(Flags<KxIpclibStreamFlag> flags, KxIpclibRecvFunction onRecv);
+    KxIpcStatusCode reject(KxIpcStatusCode reason);
+    tamsel::expected<std::shared_ptr<KxIpclibMsg>, KxIpcStatusCode> send(uint32_t flags, uint32_t size,
+                                                                         const void* data,
+                                                                         KxIpclibMsgCompletion completion);
+    // milliseconds::max(): wait for the peer's acknowledgement without a timer.
+    KxIpcStatusCode close(std::chrono::milliseconds timeout);
+    uint32_t peerProcessId();
+    std::u16string name();
+
+    // Opens a stream named `name` towards the peer on `link`: sends "Open" to
+    // the peer's control stream and waits up to `timeout` for its "OpenAck".
+    // The peer's refusal status, or 12 (StreamClosed) when the wait ends by a
+    // close or the time-out, is returned instead of the stream.
+    static tamsel::expected<std::shared_ptr<KxIpclibStream>, KxIpcStatusCode> open(
+        const std::shared_ptr<KxIpclibLink>& link, const std::shared_ptr<tamsel::task::TaskExecutor>& executor,
+        const std::u16string& name, Flags<KxIpclibStreamFlag> flags, KxIpclibRecvFunction onRecv,
+        std::chrono::milliseconds timeout);
+
+    // Waits until at most `threshold` sends are outstanding; false on time-out.
+    bool waitForOutstandingSends(uint32_t threshold, std::chrono::milliseconds timeout);
+
+    // Called by the rest of the library.
+    KxIpcStatusCode recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload);
+    void deferredDispatch();
+    void onSendComplete(const std::shared_ptr<KxIpclibMsg>& msg);
+    void shutdown();
+    // For a stream the peer opened: accept answers the "Open".
+    void setOnAcceptSendOpenAck(bool value);
+    KxIpcStatusCode rejectStatus();
+
+    uint64_t streamId() const { return m_streamId; }
+    uint64_t peerStreamId();
+    Flags<KxIpclibStreamFlag> flags();
+    KxIpclibStreamState state();
+    uint32_t outstandingSends() const { return m_outstandingSends.load(); }
+    uint64_t bytesSent() const { return m_bytesSent.load(); }
+    uint64_t bytesReceived() const { return m_bytesReceived.load(); }
+    uint64_t msgsSent() const { return m_msgsSent.load(); }
+    uint64_t msgsReceived() const { return m_msgsReceived.load(); }
+    uint64_t blockBytesReceived() const { return m_blockBytesReceived.load(); }
+
+protected:
+    using Lock = std::unique_lock<std::mutex>;
+
+    // Internal steps, with m_mutex held.
+    KxIpcStatusCode connectedInit();
+    void startCloseTimer();
+    void cancelCloseTimer();
+    void queueDispatch();
+    void queueEmptyMsg();
+    void closeStream();
+    void shutdownStream();
+    void completeConnectExistingLink(KxIpcStatusCode status, uint32_t flags, uint64_t peerId, uint32_t newWait);
+    void addIncomingMessage(std::shared_ptr<KxIpclibMsg> msg);
+    // Without m_mutex.
+    void decrementOustandingSends();
+
+    void dispatch();
+    void onProtoMsg(const std::shared_ptr<KxIpclibMsg>& msg);
+    void onProtoClose();
+    void onProtoCloseAck();
+    void onCloseTimerExpired();
+    // A protocol message of this stream to the peer, sent through the link.
+    KxIpcStatusCode sendProto(KxIpclibMsgType type, KxIpcStatusCode status, uint32_t flags);
+
+    std::mutex m_mutex;
+    std::atomic<KxIpclibStreamState> m_state;  // written under m_mutex; read by trace lines without it
+    bool m_accepted = false;
+    const uint64_t m_streamId;
+    std::u16string m_name;
+    Flags<KxIpclibStreamFlag> m_flags;
+    KxIpcStatusCode m_rejectStatus = KxIpcStatusUnexpected;
+    uint64_t m_peerStreamId;
+    std::weak_ptr<tamsel::task::TaskExecutor> m_executor;
+    KxIpclibRecvFunction m_onRecv;
+    std::shared_ptr<KxIpclibLink> m_link;
+    std::deque<std::shared_ptr<KxIpclibMsg>> m_incoming;
+    bool m_onAcceptSendOpenAck = false;
+
+    std::atomic<uint64_t> m_blockBytesReceived{0};
+    std::atomic<uint64_t> m_bytesSent{0};
+    std::atomic<uint64_t> m_bytesReceived{0};
+    std::atomic<uint64_t> m_msgsSent{0};
+    std::atomic<uint64_t> m_msgsReceived{0};
+
+    std::shared_ptr<KxIpclibMsg> m_partial;
+
+    uint32_t m_connectWait = 0;  // 0 none, 1 waiting for OpenAck, 2 ended by close, 3 acknowledged
+    KxIpcStatusCode m_connectStatus = KxIpcStatusSuccess;
+    std::condition_variable m_connectCv;
+
+    std::atomic<uint32_t> m_outstandingSends{0};
+    struct Waiter {
+        uint32_t threshold;
+        std::condition_variable cv;
+    };
+    std::mutex m_waitersMutex;
+    std::list<Waiter*> m_waiters;  // guarded by m_waitersMutex
+    std::atomic<bool> m_hasWaiters{false};
+
+    tamsel::task::WorkTask<void(std::shared_ptr<KxIpclibStream>)> m_dispatchTask;
+    std::shared_ptr<tamsel::task::WtpTimerTaskContext> m_closeTimer;
+    uint32_t m_dispatchState = 0;  // 0 idle, 1 queued, 2 running
+    uint32_t m_deliveryState = 0;  // 1 delivering, 2 end-of-stream queued, 3 end-of-stream delivered
+    uint32_t m_closeOrigin = 0;    // 1 we closed, 2 the peer closed, 3 our close timed out, 4 acknowledged
+};
+
+} // namespace tamsel::ipc
