@@ -61,9 +61,15 @@ template <typename Context>
 std::shared_ptr<Context> LinuxThreadPoolExecutor::track(std::shared_ptr<Context> context,
                                                         std::vector<std::shared_ptr<Context>>& list)
 {
-    std::lock_guard<std::mutex> guard(m_lock);
-    list.push_back(context);
-    return context;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_shuttingDown) {
+            list.push_back(context);
+            return context;
+        }
+    }
+    closeCore(*context->core());  // too late: the executor is going
+    return nullptr;
 }
 
 template <typename Context>
@@ -87,6 +93,7 @@ void LinuxThreadPoolExecutor::closeCore(TaskCore& core)
     {
         std::lock_guard<std::mutex> guard(core.lock);
         core.closed = true;
+        TaskPool::DetachCurrent(core);
     }
     m_pool->Unregister(core);
     if (core.kind == TaskKind::Timer) {
@@ -98,16 +105,16 @@ void LinuxThreadPoolExecutor::closeCore(TaskCore& core)
         std::lock_guard<std::mutex> guard(core.queueLock);
         cancelled.swap(core.queue);
     }
-    if (TaskPool::Current() != &core)
-        waitIdle(core, false);
+    // From inside a callback of the task, that callback no longer counts:
+    // only the task's other callbacks are waited for.
+    waitIdle(core, false);
 }
 
 void LinuxThreadPoolExecutor::waitIdle(TaskCore& core, bool includePending)
 {
-    // A callback waiting for its own task does not wait for itself.
-    const int self = TaskPool::Current() == &core ? 1 : 0;
     std::unique_lock<std::mutex> guard(core.lock);
-    core.idle.wait(guard, [&] { return core.running <= self && (!includePending || core.pending == 0); });
+    TaskPool::DetachCurrent(core);  // a callback waiting for its own task does not wait for itself
+    core.idle.wait(guard, [&] { return core.running == 0 && (!includePending || core.pending == 0); });
 }
 
 void LinuxThreadPoolExecutor::contextReleased(const WtpTaskContext* context)
@@ -187,17 +194,21 @@ std::shared_ptr<WtpWaitTaskContext> LinuxThreadPoolExecutor::createWaitTask(int 
     return track(std::make_shared<WtpWaitTaskContext>(this, core), m_waitTasks);
 }
 
+// The flag and the registration change together under the task's lock, so
+// that the last of two racing calls decides both.
 void LinuxThreadPoolExecutor::armWait(const std::shared_ptr<WtpWaitTaskContext>& task)
 {
     TaskCore& core = *task->core();
-    if (core.armed.exchange(1) == 0)
+    std::lock_guard<std::mutex> guard(core.lock);
+    if (core.armed.exchange(1) == 0 && !core.closed)
         m_pool->Rearm(core, EPOLLIN | EPOLLONESHOT);
 }
 
 void LinuxThreadPoolExecutor::disarmWait(const std::shared_ptr<WtpWaitTaskContext>& task)
 {
     TaskCore& core = *task->core();
-    if (core.armed.exchange(0) == 1)
+    std::lock_guard<std::mutex> guard(core.lock);
+    if (core.armed.exchange(0) == 1 && !core.closed)
         m_pool->Rearm(core, EPOLLONESHOT);
 }
 

@@ -91,6 +91,10 @@ public:
 
     // The task whose callback this thread runs, or null.
     static TaskCore* Current();
+    // With core.lock held, from inside one of core's callbacks: stops counting
+    // that callback as running, so that waits for the task's other callbacks
+    // do not wait for it.
+    static void DetachCurrent(TaskCore& core);
 
 private:
     void Spawn();  // with m_lock held

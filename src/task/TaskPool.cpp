@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <algorithm>
+#include <utility>
 #include <exception>
 
 namespace tamsel::task {
@@ -19,6 +20,8 @@ constexpr uint64_t kWorkId = 2;
 
 thread_local TaskCore* t_current = nullptr;
 thread_local TaskPool* t_pool = nullptr;
+// Set when the running callback closed its own task and stopped counting itself.
+thread_local bool t_detached = false;
 
 // Marks the calling thread as running `core` for the callback's duration.
 class CurrentTask {
@@ -61,7 +64,8 @@ bool Enter(TaskCore& core, bool fromPending)
 void Leave(TaskCore& core)
 {
     std::lock_guard<std::mutex> guard(core.lock);
-    --core.running;
+    if (!std::exchange(t_detached, false))
+        --core.running;
     core.idle.notify_all();
 }
 
@@ -96,6 +100,15 @@ TaskCore* TaskPool::Current()
     return t_current;
 }
 
+void TaskPool::DetachCurrent(TaskCore& core)
+{
+    // The caller holds core.lock.
+    if (t_current == &core && !t_detached) {
+        t_detached = true;
+        --core.running;
+    }
+}
+
 TaskPool::TaskPool(Limits limits) : m_limits(limits) {}
 
 TaskPool::~TaskPool() = default;
@@ -118,7 +131,7 @@ bool TaskPool::Start()
         return false;
     std::lock_guard<std::mutex> guard(m_lock);
     Spawn();
-    return true;
+    return m_threads > 0;
 }
 
 void TaskPool::Stop()
@@ -131,6 +144,13 @@ void TaskPool::Stop()
     }
     const unsigned self = t_pool == this ? 1 : 0;
     m_threadsGone.wait(guard, [&] { return m_threads == self; });
+    // What was posted but never run goes now, on the stopping thread, not
+    // later on a thread that outlives the executor.
+    auto runQueue = std::move(m_runQueue);
+    auto registry = std::move(m_registry);
+    m_runQueue.clear();
+    m_registry.clear();
+    guard.unlock();
 }
 
 unsigned TaskPool::Threads()
@@ -172,8 +192,9 @@ void TaskPool::Run()
         if (m_stopping)
             break;
         if (n == 0 || (n < 0 && errno != EINTR)) {
-            // Idle for the whole time-out: retire, down to the minimum.
-            if (m_threads > m_limits.minThreads)
+            // Idle for the whole time-out: retire, down to the minimum, and
+            // never the last thread waiting for events.
+            if (m_threads > m_limits.minThreads && m_idle > 1)
                 break;
             continue;
         }

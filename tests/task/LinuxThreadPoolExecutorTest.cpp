@@ -107,15 +107,92 @@ TEST_F(Executor, WorkItemsRunOnceEachWithTheirArguments)
         EXPECT_EQ(value, expected++);  // each exactly once
 }
 
-TEST_F(Executor, OneSubmitAtATimeRunsInSubmissionOrder)
+TEST(ExecutorOrder, ItemsAreTakenInSubmissionOrder)
 {
+    // Two threads: one held at a gate, so the other runs the callbacks one at a
+    // time and the order they see is the order the queue hands out.
+    LinuxThreadPoolExecutor::Options options;
+    options.maxThreads = 2;
+    auto executor = LinuxThreadPoolExecutor::create(options);
+    Gate gate;
+    Counter held;
+    auto blocker = executor->createWorkTask([&](void*, void*) {
+        held.add();
+        gate.pass();
+    });
+    executor->submitWork(blocker, {}, {});
+    ASSERT_TRUE(held.waitFor(1));
     std::vector<int> order;
-    auto task = executor->createWorkTask([&](void*, void* arguments) { order.push_back(*static_cast<int*>(arguments)); });
-    for (int i = 0; i < 3; ++i) {
+    Counter done;
+    auto task = executor->createWorkTask([&](void*, void* arguments) {
+        order.push_back(*static_cast<int*>(arguments));
+        done.add();
+    });
+    for (int i = 0; i < 200; ++i)
         executor->submitWork(task, {}, Int(i));
-        executor->waitForWorkCallbacks(task);
-    }
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    ASSERT_TRUE(done.waitFor(200));
+    std::vector<int> expected(200);
+    for (int i = 0; i < 200; ++i)
+        expected[i] = i;
+    EXPECT_EQ(order, expected);
+    gate.open();
+    executor->waitForWorkCallbacks(blocker);
+}
+
+TEST(ExecutorPool, AnIdleThreadNeverRetiresWhileItIsTheLastOneWaiting)
+{
+    // A callback that waits for another task's callback: the pool must keep a
+    // thread for that one, however long the first blocks.
+    LinuxThreadPoolExecutor::Options options;
+    options.minThreads = 1;
+    options.idleTimeout = 20ms;
+    auto executor = LinuxThreadPoolExecutor::create(options);
+    const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    Counter waited, blocked;
+    auto wait = executor->createWaitTask(fd, [&] {
+        Drain(fd);
+        waited.add();
+    });
+    executor->armWait(wait);
+    auto work = executor->createWorkTask([&](void*, void*) {
+        blocked.add();
+        waited.waitFor(1);
+    });
+    executor->submitWork(work, {}, {});
+    ASSERT_TRUE(blocked.waitFor(1));
+    std::this_thread::sleep_for(200ms);  // ten idle time-outs: spare threads retire meanwhile
+    Signal(fd);
+    EXPECT_TRUE(waited.waitFor(1));
+    executor->waitForWorkCallbacks(work);
+    executor->closeWaitTask(wait);
+    ::close(fd);
+}
+
+TEST(ExecutorClose, ClosingFromInsideWaitsForTheTaskOtherCallbacks)
+{
+    auto executor = LinuxThreadPoolExecutor::create();
+    Gate gate;
+    Counter started;
+    std::atomic<bool> otherFinished{false};
+    std::atomic<bool> sawOtherFinished{false};
+    std::shared_ptr<WtpWorkTaskContext> task;
+    task = executor->createWorkTask([&](void*, void* arguments) {
+        if (arguments == nullptr) {  // the other callback: runs until the gate opens
+            started.add();
+            gate.pass();
+            otherFinished = true;
+            return;
+        }
+        gate.open();
+        executor->closeWorkTask(task);  // returns only after the other callback
+        sawOtherFinished = otherFinished.load();
+        started.add();
+    });
+    executor->submitWork(task, {}, {});
+    ASSERT_TRUE(started.waitFor(1));
+    executor->submitWork(task, {}, Int(1));
+    ASSERT_TRUE(started.waitFor(2));
+    EXPECT_TRUE(sawOtherFinished);
 }
 
 TEST(ExecutorClose, ItemsOfAClosedWorkTaskAreReleasedNotRun)
@@ -251,7 +328,7 @@ TEST_F(Executor, ClosingFromInsideItsOwnCallbackReturnsAtOnce)
         done.add();
     });
     state.reset();
-    executor->setTimer(timer, 0ns, 1ms);
+    executor->setTimer(timer, 0ns, 0ns);
     ASSERT_TRUE(done.waitFor(1));
 
     std::shared_ptr<WtpWorkTaskContext> work;

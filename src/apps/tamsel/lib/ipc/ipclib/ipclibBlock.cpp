@@ -48,6 +48,9 @@ KxIpcStatusCode readBlock(const uint8_t* data, size_t available, KxIpclibBlock& 
         return KxIpcStatusProtocolError;
     if (h.first() && !reader.u32(h.totalSize))
         return KxIpcStatusProtocolError;
+    // A message is at least its first block, and exactly it when that is also its last.
+    if (h.first() && (h.totalSize < h.payloadLength || (h.last() && h.totalSize != h.payloadLength)))
+        return KxIpcStatusProtocolError;
     if ((h.flags & KxIpclibBlockFlagMask & ~(KxIpclibBlockFirst | KxIpclibBlockLast)) != 0)
         return KxIpcStatusProtocolError;
 

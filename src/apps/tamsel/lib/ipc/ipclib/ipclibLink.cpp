@@ -164,7 +164,7 @@ KxIpcStatusCode KxIpclibLink::eraseStream(const std::shared_ptr<KxIpclibStream>&
 
 KxIpcStatusCode KxIpclibLink::removeStream(const std::shared_ptr<KxIpclibStream>& stream)
 {
-    if (stream->flags().test(KxIpclibStreamFlag::Control))
+    if (stream->isControl())
         return KxIpcStatusNotFound;
     std::shared_ptr<KxIpclibStream> removed;  // released after the lock
     LinkLock lock(m_lock);
@@ -244,6 +244,12 @@ uint64_t KxIpclibLink::controlStreamId()
 {
     LinkLock lock(m_lock);
     return m_controlStreamId;
+}
+
+std::shared_ptr<KxIpclibStreamCtrl> KxIpclibLink::controlStream()
+{
+    LinkLock lock(m_lock);
+    return m_controlStream;
 }
 
 KxIpclibLinkState KxIpclibLink::state()

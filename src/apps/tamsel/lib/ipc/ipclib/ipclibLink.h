@@ -75,6 +75,7 @@ public:
     void addLinkFlags(uint32_t flags) { m_linkFlags |= flags; }
     uint32_t peerProcessId() const { return m_peerProcessId; }
     uint64_t controlStreamId();
+    std::shared_ptr<KxIpclibStreamCtrl> controlStream();
     KxIpclibLinkState state();
     size_t streamCount();
 

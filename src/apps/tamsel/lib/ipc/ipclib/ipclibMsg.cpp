@@ -2,6 +2,7 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -10,6 +11,8 @@ namespace tamsel::ipc {
 
 namespace {
 constexpr const char* kIpclibTraceFile = "apps\\tamsel\\lib\\ipc\\ipclib\\ipclibMsg";
+// A received message's buffer starts this large (or at its size) and doubles.
+constexpr size_t kFirstCapacity = 64 * 1024;
 } // namespace
 
 KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, uint64_t srcStreamId,
@@ -64,8 +67,21 @@ KxIpcStatusCode KxIpclibMsg::appendData(uint32_t length, const void* bytes)
     } else if (length > m_remaining) {
         status = KxIpcStatusBufferTooSmall;
     } else {
-        if (m_data == nullptr)  // one byte at least, so that an empty message has its buffer too
-            m_data = static_cast<uint8_t*>(std::malloc(m_size == 0 ? 1 : m_size));
+        // The buffer grows with the bytes that actually arrive, up to the size
+        // the sender announced: a peer cannot make us hold memory it never sends.
+        const size_t filled = m_size - m_remaining;
+        if (m_data == nullptr || filled + length > m_capacity) {
+            size_t capacity = std::max<size_t>({filled + length, m_capacity * 2, kFirstCapacity});
+            capacity = std::min<size_t>(capacity, m_size == 0 ? 1 : m_size);
+            if (auto* grown = static_cast<uint8_t*>(std::realloc(m_data, capacity))) {
+                m_data = grown;
+                m_capacity = capacity;
+            } else {
+                KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId,
+                            m_destStreamId, m_msgId);
+                throw std::bad_alloc();
+            }
+        }
         if (m_data == nullptr) {
             KXIPC_TRACE(Msg, "< srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}, ", m_srcStreamId, m_destStreamId,
                         m_msgId);

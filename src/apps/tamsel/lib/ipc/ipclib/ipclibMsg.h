@@ -85,6 +85,7 @@ private:
     uint32_t m_remaining;
     uint32_t m_blockCursor = 0;
     uint8_t* m_data;
+    size_t m_capacity = 0;  // bytes allocated at m_data, when the buffer is ours
     uint32_t m_completionStatus = 0xFFFF;
     KxIpclibMsgCompletion m_completion;
     bool m_ownsBuffer;

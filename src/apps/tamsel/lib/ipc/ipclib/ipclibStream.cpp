@@ -44,6 +44,7 @@ KxIpclibStream::KxIpclibStream(std::shared_ptr<KxIpclibLink> link, std::weak_ptr
                                KxIpclibStreamState state)
     : m_state(state),
       m_streamId(nextStreamId()),
+      m_isControl(flags.test(KxIpclibStreamFlag::Control)),
       m_name(std::move(name)),
       m_flags(flags),
       m_peerStreamId(peerStreamId),
@@ -500,28 +501,44 @@ void KxIpclibStream::dispatch()
         auto batch = std::move(m_incoming);
         m_incoming.clear();
         lock.unlock();
-        for (auto& msg : batch) {
-            switch (msg->msgType()) {
-            case KxIpclibMsgType::Open:
-            case KxIpclibMsgType::Msg:
-                onProtoMsg(msg);
-                break;
-            case KxIpclibMsgType::Close:
-                onProtoClose();
-                break;
-            case KxIpclibMsgType::CloseAck:
-                onProtoCloseAck();
-                break;
-            case KxIpclibMsgType::Shutdown:
-                shutdown();
-                break;
-            default:
-                break;
-            }
+        try {
+            deliver(batch);
+        } catch (...) {
+            // A receive function that throws (the control stream does, on a
+            // peer's protocol violation) loses the rest of this batch, but not
+            // the stream: later deliveries, its end-of-stream above all, still
+            // run. The executor logs the exception.
+            lock.lock();
+            m_dispatchState = 0;
+            queueDispatch();
+            throw;
         }
         lock.lock();
     }
     m_dispatchState = 0;
+}
+
+void KxIpclibStream::deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch)
+{
+    for (auto& msg : batch) {
+        switch (msg->msgType()) {
+        case KxIpclibMsgType::Open:
+        case KxIpclibMsgType::Msg:
+            onProtoMsg(msg);
+            break;
+        case KxIpclibMsgType::Close:
+            onProtoClose();
+            break;
+        case KxIpclibMsgType::CloseAck:
+            onProtoCloseAck();
+            break;
+        case KxIpclibMsgType::Shutdown:
+            shutdown();
+            break;
+        default:
+            break;
+        }
+    }
 }
 
 void KxIpclibStream::onProtoMsg(const std::shared_ptr<KxIpclibMsg>& msg)

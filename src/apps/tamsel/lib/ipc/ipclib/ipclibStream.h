@@ -86,6 +86,8 @@ public:
     KxIpcStatusCode rejectStatus();
 
     uint64_t streamId() const { return m_streamId; }
+    // Fixed at construction, so it is read without the stream's lock.
+    bool isControl() const { return m_isControl; }
     uint64_t peerStreamId();
     Flags<KxIpclibStreamFlag> flags();
     KxIpclibStreamState state();
@@ -113,6 +115,7 @@ protected:
     void decrementOustandingSends();
 
     void dispatch();
+    void deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch);
     void onProtoMsg(const std::shared_ptr<KxIpclibMsg>& msg);
     void onProtoClose();
     void onProtoCloseAck();
@@ -124,6 +127,7 @@ protected:
     std::atomic<KxIpclibStreamState> m_state;  // written under m_mutex; read by trace lines without it
     bool m_accepted = false;
     const uint64_t m_streamId;
+    const bool m_isControl;
     std::u16string m_name;
     Flags<KxIpclibStreamFlag> m_flags;
     KxIpcStatusCode m_rejectStatus = KxIpcStatusUnexpected;
