@@ -77,5 +77,22 @@ inline std::vector<uint8_t> Pattern(size_t size, uint8_t seed)
     return out;
 }
 
+// The whole 64-byte reply to a successful query, laid out by hand (not by the
+// encoder under test).
+inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly, uint32_t mediaType,
+                                            uint32_t heads, uint32_t sectorsPerTrack, uint32_t bytesPerSector)
+{
+    std::vector<uint8_t> bytes(64, 0);
+    platform::StoreLe<uint64_t>(&bytes[0], ioContext);
+    bytes[24] = 32;  // payloadLength
+    platform::StoreLe<uint64_t>(&bytes[32], diskSize);
+    bytes[40] = readOnly;
+    platform::StoreLe<uint32_t>(&bytes[44], mediaType);
+    platform::StoreLe<uint32_t>(&bytes[48], heads);
+    platform::StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
+    platform::StoreLe<uint32_t>(&bytes[56], bytesPerSector);
+    return bytes;
+}
+
 // Number of this process's descriptors (optionally only those open on `target`).
 size_t CountOpenDescriptors(const std::string& target = {});

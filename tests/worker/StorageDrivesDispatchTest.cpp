@@ -36,16 +36,7 @@ TEST_F(StorageDrivesDispatch, DeviceQueryPreparesTheVolumeAndReportsItsGeometry)
                                           "DISMOUNT \\\\.\\E:", "LENGTH \\\\.\\E:", "WRITABLE \\\\.\\E:",
                                           "GEOMETRY \\\\.\\E:"));
     // Every byte of the reply: header then DR_QUERY_DISK_RSP.
-    std::vector<uint8_t> expected(64, 0);
-    expected[0] = 0x77;
-    expected[24] = 32;
-    platform::StoreLe<uint64_t>(&expected[32], 8ull << 30);
-    expected[40] = 0;  // writable
-    expected[44] = MEDIA_TYPE_FIXED;
-    expected[48] = 255;
-    expected[52] = 63;
-    platform::StoreLe<uint32_t>(&expected[56], 512);
-    EXPECT_EQ(reply.raw, expected);
+    EXPECT_EQ(reply.raw, QueryReplyBytes(0x77, 8ull << 30, 0, MEDIA_TYPE_FIXED, 255, 63, 512));
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME succeeded.", "StorageDrives::TearDownAndLockVolume()"), 1u);
     EXPECT_EQ(log.Count("mediaType 12, bytesPerSector 512, sectorPerTrack 63, tracksPerCylinder 255."), 1u);
     EXPECT_EQ(log.Count("disk size: 8589934592."), 1u);

@@ -62,13 +62,7 @@ protected:
 TEST_F(StorageDrivesFile, QueryReportsTheFileSizeReadOnlyAndNoGeometry)
 {
     const auto reply = CallService(drives, EncodeQueryDiskRequest(0xABCDEF, 'F', 2, Wide(image)));
-    ASSERT_EQ(reply.raw.size(), 64u);
-    std::vector<uint8_t> expected(64, 0);
-    platform::StoreLe<uint64_t>(&expected[0], 0xABCDEF);
-    expected[24] = 32;
-    platform::StoreLe<uint64_t>(&expected[32], kFileSize);
-    expected[40] = 1;
-    EXPECT_EQ(reply.raw, expected);
+    EXPECT_EQ(reply.raw, QueryReplyBytes(0xABCDEF, kFileSize, 1, 0, 0, 0, 0));
     // The volume controls do not apply to a file; the query goes on without them.
     EXPECT_EQ(log.Count("FSCTL_ALLOW_EXTENDED_DASD_IO failed with error 25, format will be blocked."), 2u);
 }

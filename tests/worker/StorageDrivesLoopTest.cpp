@@ -81,17 +81,9 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsAMountedDevice)
 
     const auto reply = CallService(drives, EncodeQueryDiskRequest(0x55, 'E', 9, device->drivePath()));
     EXPECT_TRUE(reply.result);
-    ASSERT_EQ(reply.raw.size(), 64u);
-    std::vector<uint8_t> expected(64, 0);
-    expected[0] = 0x55;
-    expected[24] = 32;
-    platform::StoreLe<uint64_t>(&expected[32], kImageSize);
-    expected[40] = 0;                 // writable
-    expected[44] = MEDIA_TYPE_FIXED;  // loop devices are not removable
-    expected[48] = 255;               // loop has no geometry of its own
-    expected[52] = 63;
-    platform::StoreLe<uint32_t>(&expected[56], 512);
-    EXPECT_EQ(reply.raw, expected);
+    // Writable, fixed (loop devices are not removable), and 255/63 since loop
+    // has no geometry of its own.
+    EXPECT_EQ(reply.raw, QueryReplyBytes(0x55, kImageSize, 0, MEDIA_TYPE_FIXED, 255, 63, 512));
 
     // First lock refused while mounted, dismount, then the retry holds the claim.
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed."), 1u);
@@ -112,16 +104,7 @@ TEST_F(StorageDrivesLoop, ReadOnlyDeviceIsReportedReadOnlyAndRefusesWrites)
     auto device = Attach("ro.img", true);
     ASSERT_TRUE(device);
     const auto reply = CallService(drives, EncodeQueryDiskRequest(0xBEEF, 'E', 1, device->drivePath()));
-    std::vector<uint8_t> expected(64, 0);
-    platform::StoreLe<uint64_t>(&expected[0], 0xBEEF);
-    expected[24] = 32;
-    platform::StoreLe<uint64_t>(&expected[32], kImageSize);
-    expected[40] = 1;  // read-only
-    expected[44] = MEDIA_TYPE_FIXED;
-    expected[48] = 255;
-    expected[52] = 63;
-    platform::StoreLe<uint32_t>(&expected[56], 512);
-    EXPECT_EQ(reply.raw, expected);
+    EXPECT_EQ(reply.raw, QueryReplyBytes(0xBEEF, kImageSize, 1, MEDIA_TYPE_FIXED, 255, 63, 512));
     EXPECT_EQ(log.Count("The drive is readonly."), 1u);
 
     const auto data = Pattern(512, 1);
