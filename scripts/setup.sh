@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev
-  libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev libisal-dev
   util-linux mount e2fsprogs
 )
 
