@@ -1,0 +1,87 @@
+#pragma once
+// Test helpers: handing a link's channel descriptors to another process over a
+// Unix socket (SCM_RIGHTS), as the bootstrap will, and the byte pattern both
+// processes check.
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace tamsel::ipc::testing {
+
+struct HandOver {
+    uint32_t sectionSize = 0;
+    uint32_t mode = 0;
+};
+
+// Sends the header and ten descriptors: the creator's send channel, then its receive channel.
+inline bool SendHandOver(int socket, const HandOver& header, const KxIpclibLinkChannelResourceLinux& send,
+                         const KxIpclibLinkChannelResourceLinux& recv)
+{
+    std::array<int, 10> fds{};
+    const auto a = send.fds(), b = recv.fds();
+    std::copy(a.begin(), a.end(), fds.begin());
+    std::copy(b.begin(), b.end(), fds.begin() + 5);
+    char control[CMSG_SPACE(sizeof fds)] = {};
+    iovec io{const_cast<HandOver*>(&header), sizeof header};
+    msghdr msg{};
+    msg.msg_iov = &io;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof fds);
+    std::memcpy(CMSG_DATA(cmsg), fds.data(), sizeof fds);
+    return ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof header);
+}
+
+// Receives what SendHandOver sent; the sets come back as the creator named them.
+inline bool ReceiveHandOver(int socket, HandOver& header, KxIpclibLinkChannelResourceLinux& creatorSend,
+                            KxIpclibLinkChannelResourceLinux& creatorRecv)
+{
+    std::array<int, 10> fds{};
+    char control[CMSG_SPACE(sizeof fds)] = {};
+    iovec io{&header, sizeof header};
+    msghdr msg{};
+    msg.msg_iov = &io;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    if (::recvmsg(socket, &msg, MSG_CMSG_CLOEXEC) != static_cast<ssize_t>(sizeof header))
+        return false;
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    if (!cmsg || cmsg->cmsg_type != SCM_RIGHTS || cmsg->cmsg_len != CMSG_LEN(sizeof fds))
+        return false;
+    std::memcpy(fds.data(), CMSG_DATA(cmsg), sizeof fds);
+    creatorSend = KxIpclibLinkChannelResourceLinux::adopt({fds[0], fds[1], fds[2], fds[3], fds[4]});
+    creatorRecv = KxIpclibLinkChannelResourceLinux::adopt({fds[5], fds[6], fds[7], fds[8], fds[9]});
+    return true;
+}
+
+// Message `index` of a stream: its size and bytes, the same in both processes.
+inline std::vector<uint8_t> PatternMessage(uint32_t stream, uint32_t index, uint32_t size)
+{
+    std::vector<uint8_t> out(size);
+    uint32_t x = stream * 2654435761u + index * 40503u + size;
+    for (auto& b : out) {
+        x = x * 1664525u + 1013904223u;
+        b = static_cast<uint8_t>(x >> 24);
+    }
+    return out;
+}
+
+// Sizes that cross the section's edges: one byte, around a block, around a
+// section, and several sections.
+inline std::vector<uint32_t> MessageSizes(uint32_t section)
+{
+    return {1, 2, 63, 64, 1000, section - 28 - 40, section - 28 - 39, section, section + 1, 3 * section + 17};
+}
+
+} // namespace tamsel::ipc::testing

@@ -1,0 +1,241 @@
+// A shared-memory link between this process and a real second process
+// (shmLinkPeer), with the descriptors handed over a Unix socket.
+
+#include "LoopbackLink.h"
+#include "ShmHandOver.h"
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include "task/LinuxThreadPoolExecutor.h"
+#include "task/TaskTestSupport.h"
+
+#include "common/LogCapture.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+extern char** environ;
+
+using namespace tamsel::ipc;
+using namespace tamsel::ipc::testing;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr uint32_t kSection = 64 * 1024;
+
+size_t OpenDescriptors()
+{
+    size_t count = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    while (dirent* entry = ::readdir(dir))
+        count += entry->d_name[0] != '.';
+    ::closedir(dir);
+    return count;
+}
+
+template <typename Pred>
+bool WaitUntil(Pred pred)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kTestDeadline;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+// One server-side link to a freshly started peer process.
+class ShmLinkProcess : public ::testing::Test {
+protected:
+    void startPeer(uint32_t mode, TestLinkListener::Handler handler)
+    {
+        executor = tamsel::task::LinuxThreadPoolExecutor::create();
+        int pair[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+        platform::UniqueFd ours(pair[0]);
+        platform::UniqueFd theirs(pair[1]);
+        // The peer's end must survive exec: a copy without close-on-exec.
+        platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
+        const std::string path = TOLV_SHM_PEER_PATH;
+        const std::string fd = std::to_string(inherited.get());
+        char* argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>(fd.c_str()), nullptr};
+        ASSERT_EQ(::posix_spawn(&peer, path.c_str(), nullptr, nullptr, argv, environ), 0);
+        inherited.reset();
+        theirs.reset();
+
+        listener = std::make_shared<TestLinkListener>(executor, std::move(handler));
+        platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0)));
+        ASSERT_TRUE(pidfd);
+        link = std::make_shared<KxIpclibLinkSharedMemLinux>(
+            _GUID{}, 0, u"test", static_cast<uint32_t>(peer), [this](KxIpclibLink&) { closed.add(); }, listener,
+            kSection, std::move(pidfd), platform::UniqueFd());
+        int error = 0;
+        ASSERT_EQ(link->create(error), 0) << error;
+        KxIpclibLinkChannelResourceLinux send, recv;
+        ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
+        ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
+        ASSERT_TRUE(SendHandOver(ours.get(), HandOver{kSection, mode}, send, recv));
+        control = std::move(ours);
+        ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+        unsigned int out = 0;
+        ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    }
+
+    int waitPeer()
+    {
+        int status = 0;
+        if (::waitpid(peer, &status, 0) != peer)
+            return -1;
+        peer = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    void TearDown() override
+    {
+        if (peer > 0) {
+            ::kill(peer, SIGKILL);
+            waitPeer();
+        }
+        if (link) {
+            WaitUntil([&] { return link->state() == KxIpclibLinkState::Closed || link->streamCount() == 0; });
+            link->close();
+        }
+    }
+
+    std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
+    std::shared_ptr<TestLinkListener> listener;
+    std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
+    platform::UniqueFd control;
+    pid_t peer = -1;
+    Counter closed;
+};
+
+// Server streams echo every message back; what they received is kept per stream.
+struct EchoServer {
+    std::mutex lock;
+    std::vector<std::shared_ptr<KxIpclibStream>> streams;
+    std::vector<std::vector<std::vector<uint8_t>>> received;
+    Counter messages;
+
+    void accept(std::shared_ptr<KxIpclibStream> stream)
+    {
+        size_t index;
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            index = streams.size();
+            streams.push_back(stream);
+            received.emplace_back();
+        }
+        std::weak_ptr<KxIpclibStream> weak = stream;
+        stream->accept(Flags<KxIpclibStreamFlag>(), [this, index, weak](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+            auto self = weak.lock();
+            if (!self)
+                return;
+            if (msg->size() == 0) {
+                self->close(std::chrono::milliseconds::max());
+                return;
+            }
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                received[index].emplace_back(msg->data(), msg->data() + msg->size());
+            }
+            // The received message stays alive until its echo has gone out.
+            self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
+            messages.add();
+        });
+    }
+};
+
+} // namespace
+
+TEST_F(ShmLinkProcess, TwoProcessesExchangeEveryByteInBothDirections)
+{
+    const size_t descriptors = OpenDescriptors();
+    {
+        EchoServer server;
+        startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
+        ASSERT_EQ(waitPeer(), 0) << "the peer saw a wrong echo or failed";
+        const auto sizes = MessageSizes(kSection);
+        std::lock_guard<std::mutex> guard(server.lock);
+        ASSERT_EQ(server.received.size(), 3u);
+        for (uint32_t s = 0; s < 3; ++s) {
+            ASSERT_EQ(server.received[s].size(), sizes.size());
+            for (uint32_t i = 0; i < sizes.size(); ++i)
+                EXPECT_TRUE(server.received[s][i] == PatternMessage(s, i, sizes[i])) << "stream " << s << " message " << i;
+        }
+        EXPECT_EQ(link->stopReason(), 1u);  // the peer stopped its side
+        EXPECT_TRUE(closed.waitFor(1));
+        EXPECT_EQ(link->state(), KxIpclibLinkState::Closed);
+        server.streams.clear();
+    }
+    link.reset();
+    listener.reset();
+    executor.reset();
+    control.reset();
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(ShmLinkProcess, APeerThatNeverFreesTheBufferGetsNothingAndItsDeathFailsTheLink)
+{
+    ScopedLogCapture quiet(LOG_LEVEL_ALWAYS);
+    startPeer(2, [](std::shared_ptr<KxIpclibStream>) {});
+    auto stream = std::make_shared<KxIpclibStream>(link, executor, u"s", Flags<KxIpclibStreamFlag>(), 99,
+                                                   KxIpclibStreamState::Init);
+    ASSERT_EQ(link->addStream(stream), KxIpcStatusSuccess);
+    ASSERT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(), [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}),
+              KxIpcStatusSuccess);
+    const auto data = PatternMessage(0, 0, 1000);
+    std::mutex lock;
+    std::vector<KxIpcStatusCode> completions;
+    for (int i = 0; i < 5; ++i)
+        ASSERT_TRUE(stream->send(0, 1000, data.data(), [&](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg>) {
+            std::lock_guard<std::mutex> guard(lock);
+            completions.push_back(status);
+        }));
+    // Nothing was written: the section is as it was made.
+    const uint8_t* section = link->sendChannel()->view();
+    EXPECT_EQ(std::count(section, section + 64, 0), 64);
+
+    ASSERT_EQ(::kill(peer, SIGKILL), 0);
+    EXPECT_EQ(waitPeer(), 128 + SIGKILL);
+    ASSERT_TRUE(WaitUntil([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        return completions.size() == 5;
+    }));
+    EXPECT_EQ(std::count(completions.begin(), completions.end(), KxIpcStatusStreamClosed), 5);
+    EXPECT_EQ(link->stopReason(), 3u);
+    const auto state = link->state();
+    EXPECT_TRUE(state == KxIpclibLinkState::ShuttingDown || state == KxIpclibLinkState::Closed);
+    // The dead peer is not signalled back.
+    EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(link->recvChannel()->errorEvent()));
+    EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
+}
+
+TEST_F(ShmLinkProcess, APeerKilledMidStreamLeavesTheSurvivorShutDown)
+{
+    ScopedLogCapture quiet(LOG_LEVEL_ALWAYS);
+    EchoServer server;
+    startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
+    ASSERT_TRUE(server.messages.waitFor(3));
+    ASSERT_EQ(::kill(peer, SIGKILL), 0);
+    waitPeer();
+    ASSERT_TRUE(WaitUntil([&] {
+        const auto state = link->state();
+        return state == KxIpclibLinkState::ShuttingDown || state == KxIpclibLinkState::Closed;
+    }));
+    EXPECT_EQ(link->stopReason(), 3u);
+    EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(link->recvChannel()->errorEvent()));
+    std::lock_guard<std::mutex> guard(server.lock);
+    for (auto& stream : server.streams)
+        EXPECT_FALSE(stream->send(0, 4, "late", [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}));
+}
