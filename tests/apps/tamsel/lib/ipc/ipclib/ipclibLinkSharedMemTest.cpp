@@ -6,6 +6,7 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
 #include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
 
@@ -20,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <thread>
 
 extern char** environ;
@@ -238,4 +240,90 @@ TEST_F(ShmLinkProcess, APeerKilledMidStreamLeavesTheSurvivorShutDown)
     std::lock_guard<std::mutex> guard(server.lock);
     for (auto& stream : server.streams)
         EXPECT_FALSE(stream->send(0, 4, "late", [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}));
+}
+
+namespace {
+
+// A link of this process whose peer is played by hand: the peer's channels
+// are the same sections and events, taken over from the link's duplicates,
+// and the peer watch is a pipe whose write end the test holds.
+class ShmLinkByHand : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        executor = tamsel::task::LinuxThreadPoolExecutor::create();
+        int fds[2];
+        ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+        pipeWrite.reset(fds[1]);
+        link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"by-hand", 1, nullptr, nullptr, kSection,
+                                                            platform::UniqueFd(), platform::UniqueFd(fds[0]));
+        int error = 0;
+        ASSERT_EQ(link->create(error), 0);
+        KxIpclibLinkChannelResourceLinux send, recv;
+        ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
+        ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
+        ASSERT_EQ(peerReads.attach(std::move(send), error), 0);
+        ASSERT_EQ(peerWrites.attach(std::move(recv), error), 0);
+        ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+    }
+
+    void TearDown() override
+    {
+        if (link)
+            link->close();
+    }
+
+    std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
+    std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
+    platform::UniqueFd pipeWrite;
+    KxIpclibLinkChannelSharedMemLinux peerReads{kSection};
+    KxIpclibLinkChannelSharedMemLinux peerWrites{kSection};
+};
+
+} // namespace
+
+TEST_F(ShmLinkByHand, AHostileTransferFailsTheLinkAndTellsThePeer)
+{
+    ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+    unsigned int out = 0;
+    ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    EXPECT_EQ(log.CountContaining("start notification on peer pipe"), 1u);
+    // A transfer whose CRC does not match, announced as ready.
+    uint8_t* section = peerWrites.view();
+    std::vector<uint8_t> unit(100, 0);
+    KxIpclibMsg msg(KxIpclibMsgType::Msg, 0, 0, nullptr, 5, 0, 8, "abcdefgh", nullptr);
+    const uint32_t used = KxIpclibTransferHeaderSize + writeBlock(msg, unit.data() + KxIpclibTransferHeaderSize, 72);
+    finishTransfer(unit.data(), used, 1, 1);
+    unit[used - 1] ^= 0xFF;
+    std::memcpy(section, unit.data(), used);
+    peerWrites.signalDataReady();
+    ASSERT_TRUE(WaitUntil([&] { return link->state() != KxIpclibLinkState::Connected; }));
+    EXPECT_TRUE(WaitUntil([&] { return KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites.errorEvent()); }));
+    EXPECT_EQ(link->stopReason(), 0u);
+    const auto state = link->state();
+    EXPECT_TRUE(state == KxIpclibLinkState::ShuttingDown || state == KxIpclibLinkState::Closed);
+}
+
+TEST_F(ShmLinkByHand, ThePeerClosingItsPipeFailsTheLinkWithoutAnswer)
+{
+    unsigned int out = 0;
+    ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    pipeWrite.reset();
+    ASSERT_TRUE(WaitUntil([&] { return link->stopReason() == 3; }));
+    EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites.errorEvent()));
+}
+
+TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)
+{
+    ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+    auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
+    auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"x", 1, nullptr, nullptr, kSection,
+                                                             platform::UniqueFd(), platform::UniqueFd());
+    int error = 0;
+    ASSERT_EQ(link->create(error), 0);
+    ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+    unsigned int out = 0;
+    EXPECT_EQ(link->start(executor, out), KxIpcStatusUnexpected);
+    EXPECT_EQ(log.CountContaining("Error: peer handle or pipe not found"), 1u);
+    link->close();
 }
