@@ -150,6 +150,12 @@ void TaskPool::Stop()
     auto registry = std::move(m_registry);
     m_runQueue.clear();
     m_registry.clear();
+    // No other thread uses the descriptors any more (a pool thread calling
+    // this checks for the stop before it waits again): close them now rather
+    // than when the last thread lets go of the pool.
+    m_workFd.reset();
+    m_stopFd.reset();
+    m_epoll.reset();
     guard.unlock();
 }
 
@@ -185,6 +191,8 @@ void TaskPool::Run()
     t_pool = this;
     std::unique_lock<std::mutex> guard(m_lock);
     for (;;) {
+        if (m_stopping)
+            break;
         guard.unlock();
         epoll_event event{};
         const int n = ::epoll_wait(m_epoll.get(), &event, 1, static_cast<int>(m_limits.idleTimeout.count()));

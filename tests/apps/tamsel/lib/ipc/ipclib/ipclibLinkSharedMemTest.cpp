@@ -56,72 +56,6 @@ bool WaitUntil(Pred pred)
     return true;
 }
 
-// One server-side link to a freshly started peer process.
-class ShmLinkProcess : public ::testing::Test {
-protected:
-    void startPeer(uint32_t mode, TestLinkListener::Handler handler)
-    {
-        executor = tamsel::task::LinuxThreadPoolExecutor::create();
-        int pair[2];
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-        platform::UniqueFd ours(pair[0]);
-        platform::UniqueFd theirs(pair[1]);
-        // The peer's end must survive exec: a copy without close-on-exec.
-        platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
-        const std::string path = TOLV_SHM_PEER_PATH;
-        const std::string fd = std::to_string(inherited.get());
-        char* argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>(fd.c_str()), nullptr};
-        ASSERT_EQ(::posix_spawn(&peer, path.c_str(), nullptr, nullptr, argv, environ), 0);
-        inherited.reset();
-        theirs.reset();
-
-        listener = std::make_shared<TestLinkListener>(executor, std::move(handler));
-        platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0)));
-        ASSERT_TRUE(pidfd);
-        link = std::make_shared<KxIpclibLinkSharedMemLinux>(
-            _GUID{}, 0, u"test", static_cast<uint32_t>(peer), [this](KxIpclibLink&) { closed.add(); }, listener,
-            kSection, std::move(pidfd), platform::UniqueFd());
-        int error = 0;
-        ASSERT_EQ(link->create(error), 0) << error;
-        KxIpclibLinkChannelResourceLinux send, recv;
-        ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
-        ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
-        ASSERT_TRUE(SendHandOver(ours.get(), HandOver{kSection, mode}, send, recv));
-        control = std::move(ours);
-        ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
-        unsigned int out = 0;
-        ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
-    }
-
-    int waitPeer()
-    {
-        int status = 0;
-        if (::waitpid(peer, &status, 0) != peer)
-            return -1;
-        peer = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-    void TearDown() override
-    {
-        if (peer > 0) {
-            ::kill(peer, SIGKILL);
-            waitPeer();
-        }
-        if (link) {
-            WaitUntil([&] { return link->state() == KxIpclibLinkState::Closed || link->streamCount() == 0; });
-            link->close();
-        }
-    }
-
-    std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
-    std::shared_ptr<TestLinkListener> listener;
-    std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
-    platform::UniqueFd control;
-    pid_t peer = -1;
-    Counter closed;
-};
-
 // Server streams echo every message back; what they received is kept per stream.
 struct EchoServer {
     std::mutex lock;
@@ -158,13 +92,91 @@ struct EchoServer {
     }
 };
 
+// One server-side link to a freshly started peer process.
+class ShmLinkProcess : public ::testing::Test {
+protected:
+    void startPeer(uint32_t mode, TestLinkListener::Handler handler)
+    {
+        executor = tamsel::task::LinuxThreadPoolExecutor::create();
+        int pair[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+        platform::UniqueFd ours(pair[0]);
+        platform::UniqueFd theirs(pair[1]);
+        // The peer's end must survive exec: a copy without close-on-exec.
+        platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
+        const std::string path = TOLV_SHM_PEER_PATH;
+        const std::string fd = std::to_string(inherited.get());
+        char* argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>(fd.c_str()), nullptr};
+        ASSERT_EQ(::posix_spawn(&peer, path.c_str(), nullptr, nullptr, argv, environ), 0);
+        inherited.reset();
+        theirs.reset();
+
+        listener = std::make_shared<TestLinkListener>(executor, std::move(handler));
+        platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0)));
+        ASSERT_TRUE(pidfd);
+        link = std::make_shared<KxIpclibLinkSharedMemLinux>(
+            _GUID{}, 0, u"test", static_cast<uint32_t>(peer), [closed = closed](KxIpclibLink&) { closed->add(); },
+            listener,
+            kSection, std::move(pidfd), platform::UniqueFd());
+        int error = 0;
+        ASSERT_EQ(link->create(error), 0) << error;
+        KxIpclibLinkChannelResourceLinux send, recv;
+        ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
+        ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
+        ASSERT_TRUE(SendHandOver(ours.get(), HandOver{kSection, mode}, send, recv));
+        control = std::move(ours);
+        ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+        unsigned int out = 0;
+        ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    }
+
+    int waitPeer()
+    {
+        int status = 0;
+        if (::waitpid(peer, &status, 0) != peer)
+            return -1;
+        peer = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    void TearDown() override
+    {
+        if (peer > 0) {
+            ::kill(peer, SIGKILL);
+            waitPeer();
+        }
+        if (link) {
+            link->close();
+            // Streams and the link hold each other until the link has closed.
+            EXPECT_TRUE(WaitUntil([&] { return link->state() == KxIpclibLinkState::Closed; }));
+        }
+        link.reset();
+        listener.reset();
+        {
+            // Streams hold task handles; the executor's destruction waits for them.
+            std::lock_guard<std::mutex> guard(server.lock);
+            server.streams.clear();
+        }
+        executor.reset();
+    }
+
+    std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
+    std::shared_ptr<TestLinkListener> listener;
+    std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
+    platform::UniqueFd control;
+    pid_t peer = -1;
+    std::shared_ptr<Counter> closed = std::make_shared<Counter>();
+    // Lives as long as the fixture: its receive functions may run until TearDown
+    // has closed the link.
+    EchoServer server;
+};
+
 } // namespace
 
 TEST_F(ShmLinkProcess, TwoProcessesExchangeEveryByteInBothDirections)
 {
     const size_t descriptors = OpenDescriptors();
     {
-        EchoServer server;
         startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
         ASSERT_EQ(waitPeer(), 0) << "the peer saw a wrong echo or failed";
         const auto sizes = MessageSizes(kSection);
@@ -176,7 +188,7 @@ TEST_F(ShmLinkProcess, TwoProcessesExchangeEveryByteInBothDirections)
                 EXPECT_TRUE(server.received[s][i] == PatternMessage(s, i, sizes[i])) << "stream " << s << " message " << i;
         }
         EXPECT_EQ(link->stopReason(), 1u);  // the peer stopped its side
-        EXPECT_TRUE(closed.waitFor(1));
+        EXPECT_TRUE(closed->waitFor(1));
         EXPECT_EQ(link->state(), KxIpclibLinkState::Closed);
         server.streams.clear();
     }
@@ -226,7 +238,6 @@ TEST_F(ShmLinkProcess, APeerThatNeverFreesTheBufferGetsNothingAndItsDeathFailsTh
 TEST_F(ShmLinkProcess, APeerKilledMidStreamLeavesTheSurvivorShutDown)
 {
     ScopedLogCapture quiet(LOG_LEVEL_ALWAYS);
-    EchoServer server;
     startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
     ASSERT_TRUE(server.messages.waitFor(3));
     ASSERT_EQ(::kill(peer, SIGKILL), 0);
