@@ -1,0 +1,66 @@
+#pragma once
+// The peer's side of the drive records over one command stream: numbers each
+// request by its ioContext, keeps several in flight, and hands every reply to
+// the caller that waits for it. The transport is two seams, a send function
+// and OnMessage, so the client works over any stream.
+//
+// Threads: Submit and Wait from any thread; OnMessage from the transport's
+// delivery thread. m_mutex guards the pending table and is never held across
+// the send function.
+
+#include "worker/DriveRequests.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct DriveReply {
+    DR_RSP_HEADER header;
+    std::vector<uint8_t> payload;
+};
+
+class DriveClient {
+public:
+    // Sends one whole record; false when the transport refused it at once.
+    using SendFunction = std::function<bool(std::shared_ptr<const std::vector<uint8_t>> record)>;
+
+    explicit DriveClient(SendFunction send);
+
+    // Every message from the worker, in order; size 0 means the channel is down.
+    void OnMessage(const uint8_t* data, size_t size);
+
+    uint64_t NextIoContext();
+    // Sends a request whose reply will be waited for with Wait(ioContext).
+    bool Submit(uint64_t ioContext, std::vector<uint8_t> record);
+    // Sends a request that has no reply (a release, a write with the
+    // no-response ioContext).
+    bool SendOnly(std::vector<uint8_t> record);
+    // The reply to `ioContext`, or nothing on time-out or channel down (then
+    // `error` says which).
+    std::optional<DriveReply> Wait(uint64_t ioContext, std::chrono::milliseconds timeout, std::string& error);
+
+    bool ChannelDown();
+    // Replies that matched no request, and malformed replies.
+    uint64_t StrayReplies();
+
+private:
+    struct Pending {
+        bool done = false;
+        DriveReply reply;
+    };
+
+    SendFunction m_send;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<uint64_t, Pending> m_pending;  // guarded by m_mutex
+    bool m_down = false;                    // guarded by m_mutex
+    uint64_t m_stray = 0;                   // guarded by m_mutex
+    uint64_t m_nextIoContext = 1;           // guarded by m_mutex
+};

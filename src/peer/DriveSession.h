@@ -1,0 +1,45 @@
+#pragma once
+// Drive operations of the peer on top of DriveClient: query, read, write and
+// release one drive letter, and whole-drive copies that keep a window of 1 MiB
+// requests in flight. Failures come back as text that names the NT status.
+
+#include "peer/DriveClient.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+class DriveSession {
+public:
+    static constexpr uint32_t kChunk = 1u << 20;
+    static constexpr unsigned kWindow = 8;
+
+    // Called after every finished chunk of a copy with (bytes done, total).
+    using Progress = std::function<void(uint64_t, uint64_t)>;
+
+    DriveSession(DriveClient& client, std::chrono::milliseconds timeout);
+
+    bool Query(uint8_t letter, const std::u16string& path, DR_QUERY_DISK_RSP& info, std::string& error);
+    bool Read(uint8_t letter, uint64_t offset, uint32_t length, std::vector<uint8_t>& data, std::string& error);
+    bool Write(uint8_t letter, uint64_t offset, const uint8_t* data, uint32_t length, std::string& error);
+    // A release has no reply; false only when it could not be sent.
+    bool Release(uint8_t letter, std::string& error);
+
+    // Reads [0, size) into `sink` in order; `crc` receives the CRC-32 of the bytes.
+    bool ReadAll(uint8_t letter, uint64_t size, const std::function<bool(const uint8_t*, size_t)>& sink,
+                 uint32_t& crc, const Progress& progress, std::string& error);
+    // Writes `size` bytes taken from `source` (which fills the buffer it is
+    // given and returns false on a read failure) at offset 0.
+    bool WriteAll(uint8_t letter, uint64_t size, const std::function<bool(uint8_t*, size_t)>& source,
+                  uint32_t& crc, const Progress& progress, std::string& error);
+
+private:
+    std::optional<DriveReply> Call(std::vector<uint8_t> record, uint64_t ioContext, std::string& error);
+    bool CheckStatus(const DriveReply& reply, const char* what, std::string& error);
+
+    DriveClient& m_client;
+    std::chrono::milliseconds m_timeout;
+};

@@ -1,0 +1,213 @@
+// The peer's command line and its request/reply matching, without a worker:
+// the transport seam is a function that answers like one.
+
+#include "peer/DriveClient.h"
+#include "peer/DriveSession.h"
+#include "peer/NtStatusText.h"
+#include "peer/PeerCommandLine.h"
+
+#include "platform/LittleEndian.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+
+namespace {
+
+std::optional<PeerOptions> Parse(std::vector<std::string> args)
+{
+    std::string error;
+    auto options = ParsePeerCommandLine(args, error);
+    if (!options) {
+        EXPECT_FALSE(error.empty());
+    }
+    return options;
+}
+
+std::vector<uint8_t> Reply(uint64_t ioContext, uint32_t status, const std::vector<uint8_t>& payload)
+{
+    std::vector<uint8_t> record(DR_RSP_HEADER_SIZE + payload.size());
+    DR_RSP_HEADER header;
+    header.ioContext = ioContext;
+    header.status = status;
+    header.information = payload.size() >= 4 ? payload.size() - 4 : 0;
+    header.payloadLength = static_cast<uint32_t>(payload.size());
+    EncodeResponseHeader(record.data(), header);
+    std::memcpy(record.data() + DR_RSP_HEADER_SIZE, payload.data(), payload.size());
+    return record;
+}
+
+} // namespace
+
+TEST(PeerCommandLine, StepsRunInOrderWithTheirArguments)
+{
+    auto options = Parse({"--timeout", "5", "--stream", "other", "query", "e:", "\\\\.\\loop3", "read", "E", "0x200",
+                          "4096", "-", "write", "E", "512", "in.bin", "release", "e", "copy-out", "/dev/sdb",
+                          "img", "copy-in", "img", "/dev/sdb"});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->timeoutSeconds, 5u);
+    EXPECT_EQ(options->streamName, "other");
+    ASSERT_EQ(options->steps.size(), 6u);
+    EXPECT_EQ(options->steps[0].kind, PeerStepKind::Query);
+    EXPECT_EQ(options->steps[0].letter, 'E');
+    EXPECT_EQ(options->steps[0].path, "\\\\.\\loop3");
+    EXPECT_EQ(options->steps[1].offset, 0x200u);
+    EXPECT_EQ(options->steps[1].length, 4096u);
+    EXPECT_EQ(options->steps[1].file, "-");
+    EXPECT_EQ(options->steps[2].offset, 512u);
+    EXPECT_EQ(options->steps[3].kind, PeerStepKind::Release);
+    EXPECT_EQ(options->steps[4].path, "/dev/sdb");
+    EXPECT_EQ(options->steps[4].file, "img");
+    EXPECT_EQ(options->steps[5].kind, PeerStepKind::CopyIn);
+    EXPECT_EQ(options->steps[5].path, "/dev/sdb");
+    EXPECT_EQ(options->steps[5].file, "img");
+}
+
+TEST(PeerCommandLine, RefusesWhatItCannotRun)
+{
+    EXPECT_FALSE(Parse({}));
+    EXPECT_FALSE(Parse({"--quiet"}));
+    EXPECT_FALSE(Parse({"query", "E"}));
+    EXPECT_FALSE(Parse({"query", "EE", "/x"}));
+    EXPECT_FALSE(Parse({"query", "1", "/x"}));
+    EXPECT_FALSE(Parse({"read", "E", "-1", "10", "out"}));
+    EXPECT_FALSE(Parse({"read", "E", "0", "0", "out"}));
+    EXPECT_FALSE(Parse({"read", "E", "0", "4294967296", "out"}));
+    EXPECT_FALSE(Parse({"read", "E", "12x", "10", "out"}));
+    EXPECT_FALSE(Parse({"frobnicate"}));
+    EXPECT_FALSE(Parse({"--timeout", "0", "release", "E"}));
+    EXPECT_FALSE(Parse({"--worker", "w", "--endpoint", "g", "release", "E"}));
+    EXPECT_FALSE(Parse({"--worker"}));
+    EXPECT_FALSE(Parse({"--bogus", "release", "E"}));
+}
+
+TEST(NtStatusText, NamesTheStatusInWords)
+{
+    EXPECT_EQ(NtStatusText(0xC0000011), "STATUS_END_OF_FILE (0xC0000011): end of file");
+    EXPECT_EQ(NtStatusText(0xC00000A2).rfind("STATUS_MEDIA_WRITE_PROTECTED", 0), 0u);
+    EXPECT_EQ(NtStatusText(0xC0001234), "NT status 0xC0001234");
+}
+
+TEST(DriveClient, RepliesFindTheirRequestsWhateverTheirOrder)
+{
+    std::vector<std::shared_ptr<const std::vector<uint8_t>>> sent;
+    DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
+        sent.push_back(std::move(record));
+        return true;
+    });
+    const uint64_t a = client.NextIoContext();
+    const uint64_t b = client.NextIoContext();
+    ASSERT_NE(a, b);
+    ASSERT_TRUE(client.Submit(a, EncodeReadRequest(a, 'E', 0, 0, 4)));
+    ASSERT_TRUE(client.Submit(b, EncodeReadRequest(b, 'E', 0, 4, 4)));
+    EXPECT_FALSE(client.Submit(a, EncodeReadRequest(a, 'E', 0, 0, 4)));  // one request per ioContext
+    ASSERT_EQ(sent.size(), 2u);
+
+    auto replyB = Reply(b, 0, {4, 0, 0, 0, 'b', 'b', 'b', 'b'});
+    auto replyA = Reply(a, 0, {4, 0, 0, 0, 'a', 'a', 'a', 'a'});
+    client.OnMessage(replyB.data(), replyB.size());
+    client.OnMessage(replyB.data(), replyB.size());  // a second answer to the same request is stray
+    auto unknown = Reply(99, 0, {});
+    client.OnMessage(unknown.data(), unknown.size());
+    auto truncated = replyA;
+    truncated.resize(DR_RSP_HEADER_SIZE + 2);  // payload shorter than it says
+    client.OnMessage(truncated.data(), truncated.size());
+    client.OnMessage(replyA.data(), replyA.size());
+    EXPECT_EQ(client.StrayReplies(), 3u);
+
+    std::string error;
+    auto gotA = client.Wait(a, std::chrono::seconds(5), error);
+    auto gotB = client.Wait(b, std::chrono::seconds(5), error);
+    ASSERT_TRUE(gotA && gotB) << error;
+    EXPECT_EQ(gotA->payload[4], 'a');
+    EXPECT_EQ(gotB->payload[4], 'b');
+}
+
+TEST(DriveClient, NeverHandsOutTheNoResponseContextAndStopsWhenTheChannelGoesDown)
+{
+    DriveClient client([](std::shared_ptr<const std::vector<uint8_t>>) { return true; });
+    for (uint64_t i = 0; i < 5; ++i)
+        ASSERT_NE(client.NextIoContext(), DR_IOCONTEXT_NO_RESPONSE);
+
+    const uint64_t io = client.NextIoContext();
+    ASSERT_TRUE(client.Submit(io, EncodeReleaseDiskRequest(io, 'E')));
+    std::thread down([&] { client.OnMessage(nullptr, 0); });
+    std::string error;
+    EXPECT_FALSE(client.Wait(io, std::chrono::minutes(5), error));
+    down.join();
+    EXPECT_EQ(error, "the worker closed the command stream");
+    EXPECT_TRUE(client.ChannelDown());
+    EXPECT_FALSE(client.Submit(client.NextIoContext(), EncodeReleaseDiskRequest(0, 'E')));
+    EXPECT_FALSE(client.SendOnly(EncodeReleaseDiskRequest(0, 'E')));
+}
+
+TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
+{
+    // A worker that answers every read with bytes equal to their offset's low byte.
+    std::vector<std::shared_ptr<const std::vector<uint8_t>>> queue;
+    DriveClient* clientRef = nullptr;
+    size_t maxInFlight = 0;
+    uint32_t shortAt = UINT32_MAX;
+    const uint64_t rangeEnd = 3 * DriveSession::kChunk + 123;
+    DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
+        queue.push_back(std::move(record));
+        maxInFlight = std::max(maxInFlight, queue.size());
+        // Hold the first request back until a second one is sent, so the test
+        // fails if the session waits for each reply before sending on; the
+        // last request of the range is answered at once.
+        const auto& last = *queue.back();
+        platform::LeReader tail(last.data() + DR_REQ_HEADER_SIZE + 8, 12);
+        uint64_t lastOffset = 0;
+        uint32_t lastLength = 0;
+        tail.u64(lastOffset);
+        tail.u32(lastLength);
+        if (queue.size() < 2 && lastOffset + lastLength < rangeEnd)
+            return true;
+        for (auto& r : queue) {
+            DR_REQ_HEADER header;
+            DecodeRequestHeader(r->data(), r->size(), header);
+            platform::LeReader reader(r->data() + DR_REQ_HEADER_SIZE, r->size() - DR_REQ_HEADER_SIZE);
+            uint32_t id = 0, reserved = 0, length = 0;
+            uint64_t offset = 0;
+            reader.u32(id);
+            reader.u32(reserved);
+            reader.u64(offset);
+            reader.u32(length);
+            const uint32_t count = offset == shortAt ? length - 1 : length;
+            std::vector<uint8_t> payload(4 + count);
+            platform::StoreLe<uint32_t>(payload.data(), count);
+            for (uint32_t i = 0; i < count; ++i)
+                payload[4 + i] = static_cast<uint8_t>(offset + i);
+            auto reply = Reply(header.ioContext, 0, payload);
+            clientRef->OnMessage(reply.data(), reply.size());
+        }
+        queue.clear();
+        return true;
+    });
+    clientRef = &client;
+    DriveSession session(client, std::chrono::seconds(30));
+
+    const uint64_t size = rangeEnd;
+    uint64_t received = 0;
+    bool inOrder = true;
+    uint32_t crc = 0;
+    std::string error;
+    ASSERT_TRUE(session.ReadAll(
+        'E', size,
+        [&](const uint8_t* bytes, size_t count) {
+            for (size_t i = 0; i < count; ++i)
+                inOrder = inOrder && bytes[i] == static_cast<uint8_t>(received + i);
+            received += count;
+            return true;
+        },
+        crc, nullptr, error))
+        << error;
+    EXPECT_EQ(received, size);
+    EXPECT_TRUE(inOrder);
+    EXPECT_GT(maxInFlight, 1u);
+
+    shortAt = DriveSession::kChunk;  // the worker returns one byte less for the second chunk
+    EXPECT_FALSE(session.ReadAll('E', size, [](const uint8_t*, size_t) { return true; }, crc, nullptr, error));
+    EXPECT_NE(error.find("returned"), std::string::npos) << error;
+}
