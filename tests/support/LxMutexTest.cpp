@@ -1,0 +1,143 @@
+#include "support/LxEvent.h"
+#include "support/LxMutex.h"
+#include "support/LxMutexLock.h"
+
+#include "SupportTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+TEST(LxMutexTest, RecursiveHoldCountsDepthAndReleasesFully)
+{
+    LxMutex m;
+    ASSERT_TRUE(m.IsValid());
+    ASSERT_TRUE(m.Acquire());
+    ASSERT_TRUE(m.Acquire(0));
+    EXPECT_EQ(m.GetDepth(), 2);
+    EXPECT_EQ(m.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+    EXPECT_TRUE(m.Release());
+    EXPECT_TRUE(m.Release());
+    EXPECT_EQ(m.GetDepth(), 0);
+    EXPECT_FALSE(m.Release()); // not held any more
+
+    // Another thread can now take it; a copy of the handle is the same mutex.
+    LxMutex copy = m;
+    std::thread([&] {
+        EXPECT_TRUE(copy.Acquire(0));
+        EXPECT_TRUE(copy.Release());
+    }).join();
+
+    LxMutex owned(true);
+    EXPECT_EQ(owned.GetDepth(), 1);
+    EXPECT_TRUE(owned.Release());
+}
+
+TEST(LxMutexTest, FiniteTimeoutOnAHeldMutexFailsSilently)
+{
+    WaitableLogCapture log(LOG_LEVEL_VERBOSE);
+    LxMutex m;
+    m.SetDeadlockWarningMs(1); // would fire if a finite wait ever used it
+    ASSERT_TRUE(m.Acquire());
+    std::thread([&] {
+        EXPECT_FALSE(m.Acquire(0));
+        EXPECT_FALSE(m.Acquire(20));
+        EXPECT_FALSE(m.Release()); // not the holder
+    }).join();
+    EXPECT_EQ(m.GetDepth(), 1);
+    EXPECT_TRUE(m.Release());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+// Thread 1 holds A and waits for B; thread 2 holds B and tries A: the classic
+// inversion. Thread 2 backs off only once thread 1 has warned, so the warning
+// cannot depend on how fast either thread runs.
+TEST(LxMutexTest, LockOrderInversionWarnsOfAPossibleDeadlockOnce)
+{
+    WaitableLogCapture log(LOG_LEVEL_WARN);
+    LxMutex a;
+    LxMutex b;
+    a.SetDeadlockWarningMs(50);
+    b.SetDeadlockWarningMs(50);
+    LxEvent aHeld(true, false);
+    LxEvent bHeld(true, false);
+    std::atomic<uint32_t> thread2{0};
+
+    std::thread t2([&] {
+        thread2 = static_cast<uint32_t>(gettid());
+        ASSERT_TRUE(b.Acquire());
+        bHeld.Set();
+        ASSERT_EQ(aHeld.Wait(), 0);
+        EXPECT_FALSE(a.Acquire(0)); // A is thread 1's
+        EXPECT_TRUE(log.WaitForContaining("Possible deadlock"));
+        EXPECT_TRUE(b.Release());
+    });
+    std::thread t1([&] {
+        ASSERT_TRUE(a.Acquire());
+        aHeld.Set();
+        ASSERT_EQ(bHeld.Wait(), 0);
+        EXPECT_TRUE(b.Acquire()); // warns, then waits on until thread 2 backs off
+        EXPECT_EQ(b.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+        EXPECT_TRUE(b.Release());
+        EXPECT_TRUE(a.Release());
+    });
+    t1.join();
+    t2.join();
+
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, LOG_LEVEL_WARN);
+    EXPECT_EQ(lines[0].function, "LxMutex::Acquire()");
+    char tail[64];
+    snprintf(tail, sizeof tail, " held by thread 0x%04x", thread2.load());
+    EXPECT_TRUE(lines[0].text.starts_with("Possible deadlock trying to acquire lock 0x")) << lines[0].text;
+    EXPECT_TRUE(lines[0].text.ends_with(tail)) << lines[0].text;
+}
+
+// A holder that ends without releasing leaves the mutex abandoned; the next
+// taker gets it with a warning and a fresh depth.
+TEST(LxMutexTest, AbandonedMutexIsTakenOverWithAWarning)
+{
+    WaitableLogCapture log(LOG_LEVEL_WARN);
+    LxMutex m;
+    std::atomic<uint32_t> holder{0};
+    std::thread([&] {
+        holder = static_cast<uint32_t>(gettid());
+        ASSERT_TRUE(m.Acquire());
+        ASSERT_TRUE(m.Acquire());
+    }).join();
+    ASSERT_TRUE(m.Acquire());
+    EXPECT_EQ(m.GetDepth(), 1);
+    EXPECT_EQ(m.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+    EXPECT_TRUE(m.Release());
+    ASSERT_EQ(log.Lines().size(), 1u);
+    char tail[64];
+    snprintf(tail, sizeof tail, " previously held by thread 0x%04x", holder.load());
+    EXPECT_TRUE(log.Lines()[0].text.starts_with("Acquired abandoned lock 0x"));
+    EXPECT_TRUE(log.Lines()[0].text.ends_with(tail)) << log.Lines()[0].text;
+}
+
+TEST(LxMutexTest, ScopedLockStepsOutAndBack)
+{
+    LxMutex m;
+    {
+        LxMutexLock guard(m);
+        EXPECT_EQ(m.GetDepth(), 1);
+        guard.Unlock();
+        std::thread([&] {
+            EXPECT_TRUE(m.Acquire(0));
+            EXPECT_TRUE(m.Release());
+        }).join();
+        guard.Lock();
+        EXPECT_TRUE(guard.IsHeld());
+    }
+    EXPECT_EQ(m.GetDepth(), 0);
+}
+
+} // namespace

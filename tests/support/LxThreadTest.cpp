@@ -1,0 +1,173 @@
+#include "support/LxThread.h"
+
+#include "SupportTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace {
+
+class LxThreadTest : public ::testing::Test {
+protected:
+    void TearDown() override { m_resources.Check(); }
+
+private:
+    ResourceSnapshot m_resources; // taken before the test body makes anything
+};
+
+std::string KernelName(uint32_t tid)
+{
+    std::string name;
+    std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm") >> name;
+    return name;
+}
+
+TEST_F(LxThreadTest, CallbackReturningFalseEndsTheThreadWithItsReason)
+{
+    WaitableLogCapture log(LOG_LEVEL_INFO);
+    std::atomic<uint32_t> tid{0};
+    std::string kernelName;
+    {
+        LxThread thread("ExitingAtOnceWithALongName");
+        ASSERT_TRUE(thread.Start(
+            [&](void*, LxThread* owner) {
+                tid = static_cast<uint32_t>(gettid());
+                kernelName = KernelName(tid);
+                EXPECT_EQ(owner, &thread);
+                EXPECT_TRUE(owner->IsCurrentThread());
+                return false;
+            },
+            nullptr, 10));
+        EXPECT_FALSE(thread.IsCurrentThread());
+        ASSERT_EQ(thread.GetExitedEvent().Wait(), 0);
+        EXPECT_TRUE(thread.WaitForStop(0));
+        EXPECT_FALSE(thread.IsRunning());
+        EXPECT_EQ(thread.GetStopEvent().Wait(0), 0); // an ending callback signals stop as well
+    }
+    EXPECT_EQ(kernelName, "ExitingAtOnceWi"); // the kernel keeps 15 bytes
+    EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName started"), 1u);
+    EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName exited by callback"), 1u);
+}
+
+// With no interval the callback runs once at start and then once per wake;
+// wakes and the stop come from other threads.
+TEST_F(LxThreadTest, WithoutIntervalOnlyWakesRunTheCallbackAndStopEndsIt)
+{
+    WaitableLogCapture log(LOG_LEVEL_INFO);
+    std::atomic<int> cycles{0};
+    LxEvent cycled(false, false);
+    LxThread thread("Waker");
+    ASSERT_TRUE(thread.Start(
+        [&](void* context, LxThread*) {
+            EXPECT_EQ(context, &cycles);
+            ++cycles;
+            cycled.Set();
+            return true;
+        },
+        &cycles, LxEvent::kInfinite));
+    ASSERT_EQ(cycled.Wait(), 0);
+    EXPECT_FALSE(thread.Start([](void*, LxThread*) { return true; }, nullptr, 1)); // already started
+    for (int i = 0; i < 3; ++i) {
+        std::thread([&] { EXPECT_TRUE(thread.Wake()); }).join();
+        ASSERT_EQ(cycled.Wait(), 0);
+    }
+    EXPECT_EQ(cycles, 4);
+    EXPECT_TRUE(thread.IsRunning());
+    std::thread stopper([&] { EXPECT_TRUE(thread.Stop(LxEvent::kInfinite)); });
+    stopper.join();
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(cycles, 4);
+    EXPECT_EQ(log.Count("Thread Waker exited"), 1u);
+
+    // Stopped and joined: it may be started again.
+    ASSERT_TRUE(thread.Start([](void*, LxThread*) { return false; }, nullptr, LxEvent::kInfinite));
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+}
+
+TEST_F(LxThreadTest, IntervalRunsCyclesUntilStopAndAThreadCannotWaitForItself)
+{
+    std::atomic<int> cycles{0};
+    std::atomic<bool> selfStop{true};
+    LxEvent stopped(true, false);
+    LxThread thread("Periodic");
+    ASSERT_TRUE(thread.Start(
+        [&](void*, LxThread* owner) {
+            if (++cycles == 3) {
+                // Asks to stop, but cannot wait for itself.
+                selfStop = owner->Stop(LxEvent::kInfinite);
+                stopped.Set();
+            }
+            return true;
+        },
+        nullptr, 1));
+    ASSERT_EQ(stopped.Wait(), 0);
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+    EXPECT_FALSE(selfStop);
+    EXPECT_EQ(cycles, 3); // the stop request ended the loop before a fourth cycle
+}
+
+// A thread that leaves through pthread_exit never reaches the end of its loop;
+// the end-of-thread event still lets a waiter see it go.
+TEST_F(LxThreadTest, AThreadThatEndsUnexpectedlyIsNoticedAndJoined)
+{
+    WaitableLogCapture log(LOG_LEVEL_DEBUG);
+    LxThread thread("Vanishing");
+    std::atomic<uint32_t> tid{0};
+    ASSERT_TRUE(thread.Start(
+        [&](void*, LxThread*) -> bool {
+            tid = static_cast<uint32_t>(gettid());
+            pthread_exit(nullptr);
+        },
+        nullptr, LxEvent::kInfinite));
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+    char text[128];
+    snprintf(text, sizeof text, "Thread Vanishing(0x%04X) exited unexpectedly", tid.load());
+    EXPECT_EQ(log.Count(text), 1u);
+    EXPECT_EQ(thread.GetExitedEvent().Wait(0), 0);
+    EXPECT_EQ(log.Count("Thread Vanishing exited"), 0u);
+}
+
+// Dropping the handle of a running thread detaches it; it ends on its own
+// without another callback and drops the shared data.
+TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndByItself)
+{
+    WaitableLogCapture log(LOG_LEVEL_DEBUG);
+    std::atomic<int> cycles{0};
+    LxEvent started(true, false);
+    LxEvent ended;
+    {
+        auto thread = std::make_unique<LxThread>("Orphan");
+        ASSERT_TRUE(thread->Start(
+            [&](void*, LxThread* owner) {
+                EXPECT_NE(owner, nullptr);
+                ++cycles;
+                started.Set();
+                return true;
+            },
+            nullptr, LxEvent::kInfinite));
+        ASSERT_EQ(started.Wait(), 0);
+        ended = thread->GetThreadHandleEvent();
+    }
+    ASSERT_EQ(ended.Wait(), 0);
+    EXPECT_EQ(cycles, 1);
+    EXPECT_EQ(log.CountContaining("Setting deleted flag for thread Orphan(0x"), 1u);
+    EXPECT_EQ(log.Count("Thread Orphan was deleted"), 1u);
+}
+
+TEST_F(LxThreadTest, StartWithoutCallbackFails)
+{
+    LxThread thread("Nothing");
+    EXPECT_FALSE(thread.Start(nullptr, nullptr, 1));
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.WaitForStop(0));
+}
+
+} // namespace
