@@ -95,9 +95,11 @@ void PollModule::Loop(bool loop, PollExitFlag* exitFlag)
             break;
         // Any change to the table, the flag or the module notifies m_changed
         // under m_mutex, so nothing is missed between the checks above and here.
-        if (next >= 0)
-            m_changed.wait_until(guard, m_timers[static_cast<size_t>(next)].deadline);
-        else
+        if (next >= 0) {
+            // A copy: the table may grow, and move, while the loop waits.
+            const Clock::time_point deadline = m_timers[static_cast<size_t>(next)].deadline;
+            m_changed.wait_until(guard, deadline);
+        } else
             m_changed.wait(guard);
     }
 

@@ -81,7 +81,9 @@ void ExpectReport(const CrashOutcome& outcome, int sig, const std::string& sigNa
     ASSERT_NE(trace, std::string::npos) << outcome.stderrText;
     ASSERT_NE(end, std::string::npos) << outcome.stderrText;
     const std::string frames = outcome.stderrText.substr(trace, end - trace);
-    EXPECT_NE(frames.find(OwnExecutable() + "("), std::string::npos) << outcome.stderrText;
+    // Frames of the executable carry the name it was started by.
+    const std::string ownName = std::filesystem::path(OwnExecutable()).filename().string() + "(";
+    EXPECT_NE(frames.find(ownName), std::string::npos) << outcome.stderrText;
     // Reported once, even where the signal strikes twice.
     EXPECT_EQ(outcome.stderrText.find(header, at + 1), std::string::npos) << outcome.stderrText;
 }
@@ -121,8 +123,19 @@ __attribute__((noinline)) int Recurse(int depth)
     return frame[0];
 }
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 TEST(CrashFilter, StackOverflowIsReportedFromTheAlternateStack)
 {
+    // ThreadSanitizer's own signal trampoline needs the stack that is gone.
+    if (kThreadSanitizer)
+        GTEST_SKIP() << "a stack overflow cannot be handled under ThreadSanitizer";
     ExpectReport(CrashInChild([] { Recurse(0); }), SIGSEGV, "SIGSEGV", " at address 0x");
 }
 
