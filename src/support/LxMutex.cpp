@@ -25,6 +25,11 @@ timespec DeadlineAfter(uint32_t ms)
     return t;
 }
 
+// Set while this thread writes a possible-deadlock warning. Writing it takes
+// the logging lock, which may be the very mutex being waited for; a nested
+// warning would recurse once per threshold, so it is left out.
+thread_local bool t_warningDeadlock = false;
+
 int TimedLock(pthread_mutex_t* m, uint32_t ms)
 {
     if (ms == 0)
@@ -56,11 +61,14 @@ bool LxMutex::Acquire(uint32_t timeoutMs)
     int rc;
     if (timeoutMs == kInfinite) {
         rc = TimedLock(&d.m_handle, d.m_deadlockWarningMs.load());
-        if (rc == ETIMEDOUT || rc == EBUSY) {
+        if ((rc == ETIMEDOUT || rc == EBUSY) && !t_warningDeadlock) {
+            t_warningDeadlock = true;
             LOG_WARN("LxMutex::Acquire()", "Possible deadlock trying to acquire lock 0x%" PRIxPTR
                      " held by thread 0x%04x", address, d.m_ownerThreadId.load());
-            rc = pthread_mutex_lock(&d.m_handle);
+            t_warningDeadlock = false;
         }
+        if (rc == ETIMEDOUT || rc == EBUSY)
+            rc = pthread_mutex_lock(&d.m_handle);
     } else {
         rc = TimedLock(&d.m_handle, timeoutMs);
     }

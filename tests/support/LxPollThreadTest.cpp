@@ -136,8 +136,6 @@ TEST_F(LxPollThreadTest, SignalledEventItemRunsBeforeADueTimedItemBehindIt)
     EXPECT_EQ(journal.Entries(), (Entries{"event:s", "timed:t", "marker:t"}));
     // The due item's slot follows the event item's: exit, dirty, event, due.
     EXPECT_GE(log.Count("EventFirst: Prioritized timed item timed @ 3"), 1u);
-    EXPECT_EQ(log.Count("EventFirst: Item event signaled(2); last run " +
-                        std::string() /* the time varies */) , 0u);
     EXPECT_EQ(log.CountContaining("EventFirst: Item event signaled(2); last run "), 1u);
 }
 
