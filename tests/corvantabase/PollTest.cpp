@@ -4,87 +4,59 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-// Generous bound for "promptly": far below the timers the loop would
-// otherwise wait for, far above any scheduling delay.
-constexpr auto kPrompt = 5s;
-constexpr int64_t kOneHourUs = 3600LL * 1000 * 1000;
+constexpr int64_t kHourUs = 3600LL * 1000 * 1000;
 
 class PollTest : public ::testing::Test {
 protected:
     void SetUp() override { Poll_InitDefault(); }
     void TearDown() override { Poll_Exit(); }
-
     PollExitFlag quit;
 };
-
-void Noop(void*) {}
 
 void RaiseFlag(void* flag) { static_cast<PollExitFlag*>(flag)->Raise(); }
 
 struct Counter {
     std::atomic<int> runs{0};
+    int stopAt = 0; // a periodic one removes itself at this run
     std::thread::id thread;
     Clock::time_point firstRun;
 };
 
 void Count(void* data)
 {
-    auto* counter = static_cast<Counter*>(data);
-    if (counter->runs++ == 0) {
-        counter->thread = std::this_thread::get_id();
-        counter->firstRun = Clock::now();
+    auto* c = static_cast<Counter*>(data);
+    if (c->runs++ == 0) {
+        c->thread = std::this_thread::get_id();
+        c->firstRun = Clock::now();
+    }
+    if (c->runs == c->stopAt) {
+        EXPECT_TRUE(Poll_CB_RTimeRemove(Count, c, true));
     }
 }
 
-TEST_F(PollTest, OneShotRunsOnceOnTheLoopThreadAfterItsDelay)
+TEST_F(PollTest, TimersRunOnTheLoopThreadOnceOrUntilRemoved)
 {
-    Counter counter;
+    Counter once, periodic;
+    periodic.stopAt = 5;
     const auto start = Clock::now();
-    ASSERT_EQ(Poll_CB_RTime(Count, &counter, 30'000, false, nullptr), kPollSuccess);
-    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 200'000, false, nullptr), kPollSuccess);
-
+    ASSERT_EQ(Poll_CB_RTime(Count, &once, 30'000, false, nullptr), kPollSuccess);
+    ASSERT_EQ(Poll_CB_RTime(Count, &periodic, 5'000, true, nullptr), kPollSuccess);
+    // Well past further periods, so a periodic that still re-armed would show.
+    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 300'000, false, nullptr), kPollSuccess);
     Poll_Loop(true, &quit, POLL_CLASS_MAIN);
 
-    EXPECT_EQ(counter.runs.load(), 1);
-    EXPECT_EQ(counter.thread, std::this_thread::get_id());
-    EXPECT_GE(counter.firstRun - start, 30ms);
-    EXPECT_GE(Clock::now() - start, 200ms);
-    // It fired, so there is nothing left to remove.
-    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &counter, false));
-}
-
-struct Periodic {
-    int runs = 0;
-    int stopAt = 0;
-    PollExitFlag* quit = nullptr;
-};
-
-void PeriodicRun(void* data)
-{
-    auto* periodic = static_cast<Periodic*>(data);
-    if (++periodic->runs == periodic->stopAt) {
-        EXPECT_TRUE(Poll_CB_RTimeRemove(PeriodicRun, periodic, true));
-        // Leave the loop running well past a few more periods.
-        EXPECT_EQ(Poll_CB_RTime(RaiseFlag, periodic->quit, 100'000, false, nullptr), kPollSuccess);
-    }
-}
-
-TEST_F(PollTest, PeriodicRunsUntilItRemovesItself)
-{
-    Periodic periodic{0, 5, &quit};
-    ASSERT_EQ(Poll_CB_RTime(PeriodicRun, &periodic, 5'000, true, nullptr), kPollSuccess);
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
+    EXPECT_EQ(once.runs, 1);
+    EXPECT_EQ(once.thread, std::this_thread::get_id());
+    EXPECT_GE(once.firstRun - start, 30ms);
     EXPECT_EQ(periodic.runs, 5);
+    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &once, false)); // fired: nothing left
 }
 
 TEST_F(PollTest, RemovalMatchesCallbackDataAndKind)
@@ -93,153 +65,90 @@ TEST_F(PollTest, RemovalMatchesCallbackDataAndKind)
     ASSERT_EQ(Poll_CB_RTime(Count, &a, 10'000, false, nullptr), kPollSuccess);
     ASSERT_EQ(Poll_CB_RTime(Count, &b, 10'000, false, nullptr), kPollSuccess);
     ASSERT_EQ(Poll_CB_RTime(Count, &b, 10'000, true, nullptr), kPollSuccess);
-
-    EXPECT_FALSE(Poll_CB_RTimeRemove(Noop, &a, false));
+    EXPECT_FALSE(Poll_CB_RTimeRemove(RaiseFlag, &a, false));
     EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &a, true));
     EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &a, false));
     EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &a, false));
     EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &b, true));
 
+    // A single pass runs only what is due.
+    Poll_Loop(false, &quit, POLL_CLASS_MAIN);
+    EXPECT_EQ(b.runs, 0);
     ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 150'000, false, nullptr), kPollSuccess);
     Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    EXPECT_EQ(a.runs.load(), 0);
-    EXPECT_EQ(b.runs.load(), 1);
+    EXPECT_EQ(a.runs, 0);
+    EXPECT_EQ(b.runs, 1);
 }
 
-TEST_F(PollTest, ExitFlagFromAnotherThreadEndsTheWaitAtOnce)
+TEST_F(PollTest, FlagOrTimerFromAnotherThreadWakesAWaitOfAnHour)
 {
-    Counter far;
-    ASSERT_EQ(Poll_CB_RTime(Count, &far, kOneHourUs, false, nullptr), kPollSuccess);
-    std::promise<Clock::time_point> raisedAt;
-    std::thread raiser([&] {
-        // The loop may or may not be waiting yet; either way it must return.
-        raisedAt.set_value(Clock::now());
-        quit.Raise();
-    });
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    const auto returned = Clock::now();
-    raiser.join();
-    EXPECT_LT(returned - raisedAt.get_future().get(), kPrompt);
-    EXPECT_EQ(far.runs.load(), 0);
-
-    // A flag that is up already: the loop does not start, not even for due work.
-    Counter due;
-    ASSERT_EQ(Poll_CB_RTime(Count, &due, 0, false, nullptr), kPollSuccess);
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    EXPECT_EQ(due.runs.load(), 0);
+    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, kHourUs, false, nullptr), kPollSuccess);
+    for (bool viaTimer : {false, true}) {
+        quit.Reset();
+        const auto start = Clock::now();
+        std::thread other([&] {
+            if (viaTimer)
+                EXPECT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 0, false, nullptr), kPollSuccess);
+            else
+                quit.Raise();
+        });
+        Poll_Loop(true, &quit, POLL_CLASS_MAIN);
+        other.join();
+        EXPECT_LT(Clock::now() - start, 30s) << viaTimer;
+    }
 }
 
-TEST_F(PollTest, RegistrationFromAnotherThreadWakesTheWait)
-{
-    ASSERT_EQ(Poll_CB_RTime(Noop, nullptr, kOneHourUs, false, nullptr), kPollSuccess);
-    const auto start = Clock::now();
-    std::thread registrar([&] { EXPECT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 0, false, nullptr), kPollSuccess); });
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    registrar.join();
-    EXPECT_LT(Clock::now() - start, kPrompt);
-}
-
-TEST_F(PollTest, TearDownFromAnotherThreadEndsTheLoopAndRefusesRegistrations)
-{
-    std::thread exiter([] { Poll_Exit(); });
-    Poll_Loop(true, nullptr, POLL_CLASS_MAIN);
-    exiter.join();
-
-    EXPECT_EQ(Poll_CB_RTime(Noop, nullptr, 1000, false, nullptr), kPollNotInitialized);
-    Poll_Loop(true, nullptr, POLL_CLASS_MAIN); // not initialised: returns at once
-
-    Poll_InitDefault();
-    EXPECT_EQ(Poll_CB_RTime(nullptr, nullptr, 1000, false, nullptr), kPollInvalidArgument);
-    EXPECT_EQ(Poll_CB_RTime(Noop, nullptr, -1, false, nullptr), kPollInvalidArgument);
-    EXPECT_EQ(Poll_CB_RTime(Noop, nullptr, 0, true, nullptr), kPollInvalidArgument);
-}
-
-TEST_F(PollTest, SinglePassRunsOnlyWhatIsDue)
-{
-    Counter now, later;
-    ASSERT_EQ(Poll_CB_RTime(Count, &now, 0, false, nullptr), kPollSuccess);
-    ASSERT_EQ(Poll_CB_RTime(Count, &later, kOneHourUs, false, nullptr), kPollSuccess);
-    Poll_Loop(false, &quit, POLL_CLASS_MAIN);
-    EXPECT_EQ(now.runs.load(), 1);
-    EXPECT_EQ(later.runs.load(), 0);
-    EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &later, false));
-}
-
-// A callback that blocks until the test lets it go.
 struct Blocking {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool removing = false;
+    std::promise<void> entered;
+    std::promise<void> removing;
     std::atomic<bool> finished{false};
 };
 
-void BlockUntilRemoverWaits(void* data)
+void BlockUntilRemoving(void* data)
 {
     auto* b = static_cast<Blocking*>(data);
-    std::unique_lock<std::mutex> guard(b->mutex);
-    b->entered = true;
-    b->changed.notify_all();
-    b->changed.wait(guard, [&] { return b->removing; });
-    guard.unlock();
-    // Gives a faulty removal the chance to return early; the outcome does not
-    // depend on this pause when removal waits as it should.
+    b->entered.set_value();
+    b->removing.get_future().wait();
+    // Room for a faulty removal to return early; a correct one waits anyway.
     std::this_thread::sleep_for(20ms);
     b->finished = true;
 }
 
 TEST_F(PollTest, RemovalFromAnotherThreadWaitsForTheRunningCallback)
 {
-    Blocking blocking;
-    ASSERT_EQ(Poll_CB_RTime(BlockUntilRemoverWaits, &blocking, 1000, true, nullptr), kPollSuccess);
-    bool finishedWhenRemoved = false;
-    bool removed = false;
+    Blocking b;
+    std::mutex clientLock;
+    ASSERT_EQ(Poll_CB_RTime(BlockUntilRemoving, &b, 1000, true, &clientLock), kPollSuccess);
+    bool removed = false, finishedFirst = false, lockHeld = false;
     std::thread remover([&] {
-        {
-            std::unique_lock<std::mutex> guard(blocking.mutex);
-            blocking.changed.wait(guard, [&] { return blocking.entered; });
-            blocking.removing = true;
-            blocking.changed.notify_all();
-        }
-        removed = Poll_CB_RTimeRemove(BlockUntilRemoverWaits, &blocking, true);
-        finishedWhenRemoved = blocking.finished;
+        b.entered.get_future().wait();
+        if (clientLock.try_lock())
+            clientLock.unlock();
+        else
+            lockHeld = true;
+        b.removing.set_value();
+        removed = Poll_CB_RTimeRemove(BlockUntilRemoving, &b, true);
+        finishedFirst = b.finished;
         quit.Raise();
     });
     Poll_Loop(true, &quit, POLL_CLASS_MAIN);
     remover.join();
+    EXPECT_TRUE(lockHeld); // the given lock is held around the run
     EXPECT_TRUE(removed);
-    EXPECT_TRUE(finishedWhenRemoved);
-    EXPECT_FALSE(Poll_CB_RTimeRemove(BlockUntilRemoverWaits, &blocking, true));
+    EXPECT_TRUE(finishedFirst);
 }
 
-struct Locked {
-    std::mutex lock;
-    bool heldDuringRun = false;
-};
-
-void CheckHeld(void* data)
+TEST_F(PollTest, TearDownEndsTheLoopAndRefusesRegistrations)
 {
-    auto* l = static_cast<Locked*>(data);
-    // Another thread must find the lock taken while the callback runs.
-    const bool free = std::async(std::launch::async, [l] {
-        if (!l->lock.try_lock())
-            return false;
-        l->lock.unlock();
-        return true;
-    }).get();
-    l->heldDuringRun = !free;
-}
+    std::thread exiter([] { Poll_Exit(); });
+    Poll_Loop(true, nullptr, POLL_CLASS_MAIN);
+    exiter.join();
+    EXPECT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, 1000, false, nullptr), kPollNotInitialized);
 
-TEST_F(PollTest, GivenLockIsHeldAroundTheRun)
-{
-    Locked locked;
-    ASSERT_EQ(Poll_CB_RTime(CheckHeld, &locked, 0, false, &locked.lock), kPollSuccess);
-    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 1000, false, nullptr), kPollSuccess);
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    EXPECT_TRUE(locked.heldDuringRun);
-    // And released after it.
-    EXPECT_TRUE(locked.lock.try_lock());
-    locked.lock.unlock();
+    Poll_InitDefault();
+    EXPECT_EQ(Poll_CB_RTime(nullptr, nullptr, 1000, false, nullptr), kPollInvalidArgument);
+    EXPECT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, -1, false, nullptr), kPollInvalidArgument);
+    EXPECT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, 0, true, nullptr), kPollInvalidArgument);
 }
 
 } // namespace
