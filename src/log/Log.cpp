@@ -1,32 +1,25 @@
 #include "log/Log.h"
 
 #include "log/LogSink.h"
+#include "log/Logger.h"
+#include "log/LoggerManager.h"
+#include "log/LoggingLock.h"
 #include "platform/ErrnoText.h"
+#include "support/LxMutexLock.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
-std::atomic<int32_t> CurrentLogLevel{LOG_LEVEL_INFO};
+std::atomic<int32_t> CurrentLogLevel{LOG_LEVEL_ALWAYS};
 
 namespace {
 
-// The one process-wide logging lock. It is recursive because a sink may call
-// back into code that logs; such nested calls are dropped by the counter below.
-std::recursive_mutex& LoggingLock()
-{
-    static std::recursive_mutex lock;
-    return lock;
-}
-
-std::atomic<int> g_reentrancy{0};
+// A log call made while another one runs (a writer that logs its own failure)
+// is dropped, not nested.
+std::atomic<int32_t> g_reentrancy{0};
 LogSink* g_sink = nullptr; // guarded by LoggingLock()
-int32_t g_level = LOG_LEVEL_INFO; // guarded by LoggingLock()
-
-// Error variant: the caller's text is cut at this many bytes.
-constexpr size_t kErrorTextBuffer = 10240;
 
 std::string FormatV(const char* format, va_list args)
 {
@@ -40,59 +33,68 @@ std::string FormatV(const char* format, va_list args)
     if (static_cast<size_t>(needed) < sizeof small)
         return std::string(small, static_cast<size_t>(needed));
     std::string text(static_cast<size_t>(needed) + 1, '\0');
-    vsnprintf(text.data(), text.size(), format, args);
+    va_copy(copy, args);
+    vsnprintf(text.data(), text.size(), format, copy);
+    va_end(copy);
     text.resize(static_cast<size_t>(needed));
     return text;
 }
 
-void StripLineFeed(std::string& text)
-{
-    if (!text.empty() && text.back() == '\n')
-        text.pop_back();
-}
-
-// Gating, the lock and the re-entrancy rule shared by every entry point.
-template <typename WriteFn>
-void UnderLoggingLock(int32_t level, WriteFn&& write)
+// The default logger gets every call and applies its own gate. The sink (a
+// test's capture) sees lines at or below CurrentLogLevel; without a sink and
+// without a started default logger, such lines go to standard error, so tools
+// that never make a logger still say what went wrong.
+template <typename ToLogger, typename MakeText>
+void Dispatch(const LogLine& base, ToLogger&& toLogger, MakeText&& makeText)
 {
     const int savedErrno = errno;
     {
-        std::lock_guard<std::recursive_mutex> guard(LoggingLock());
-        if (g_reentrancy.fetch_add(1) == 0 && level <= g_level)
-            write(g_sink ? *g_sink : StdErrLogSink());
+        LxMutexLock guard(LoggingLock());
+        if (g_reentrancy.fetch_add(1) == 0) {
+            RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger();
+            if (logger)
+                toLogger(*logger);
+            const bool loggerWrites = logger && logger->IsStarted();
+            if (base.level <= CurrentLogLevel.load() && (g_sink || !loggerWrites)) {
+                std::string text = makeText();
+                if (!text.empty() && text.back() == '\n')
+                    text.pop_back();
+                LogLine line = base;
+                line.text = text;
+                (g_sink ? *g_sink : StdErrLogSink()).Write(line);
+            }
+        }
         g_reentrancy.fetch_sub(1);
     }
     errno = savedErrno;
 }
 
-template <typename MakeText>
-void Emit(const char* functionName, int32_t level, MakeText&& makeText)
+LogLine MakeLine(const char* functionName, int32_t level)
 {
-    UnderLoggingLock(level, [&](LogSink& sink) {
-        std::string text = makeText();
-        StripLineFeed(text);
-        LogLine line;
-        line.level = level;
-        line.functionName = functionName ? functionName : "";
-        line.text = text;
-        sink.Write(line);
-    });
+    LogLine line;
+    line.level = level;
+    line.functionName = functionName ? functionName : "";
+    return line;
 }
 
-void EmitWithError(int errorCode, const char* functionName, int32_t level, const char* format, va_list args)
+void DispatchWithError(int errorCode, const char* functionName, int32_t level, const char* format, va_list args)
 {
-    Emit(functionName, level, [&] {
-        std::string text = FormatV(format, args);
-        if (text.size() > kErrorTextBuffer - 1)
-            text.resize(kErrorTextBuffer - 1);
-        StripLineFeed(text);
-        char suffix[512];
-        snprintf(suffix, sizeof suffix, "; (%d) %s", errorCode, platform::ErrnoText(errorCode).c_str());
-        text += suffix;
-        if (text.size() > kErrorTextBuffer - 1)
-            text.resize(kErrorTextBuffer - 1);
-        return text;
-    });
+    Dispatch(
+        MakeLine(functionName, level),
+        [&](Logger& logger) {
+            va_list copy;
+            va_copy(copy, args);
+            logger.LogWithError(errorCode, functionName, level, format, copy);
+            va_end(copy);
+        },
+        [&] {
+            std::string text = FormatV(format, args);
+            if (!text.empty() && text.back() == '\n')
+                text.pop_back();
+            char suffix[512];
+            snprintf(suffix, sizeof suffix, "; (%d) %s", errorCode, platform::ErrnoText(errorCode).c_str());
+            return text + suffix;
+        });
 }
 
 } // namespace
@@ -101,7 +103,15 @@ void Log(const char* functionName, int32_t level, const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    Emit(functionName, level, [&] { return FormatV(format, args); });
+    Dispatch(
+        MakeLine(functionName, level),
+        [&](Logger& logger) {
+            va_list copy;
+            va_copy(copy, args);
+            logger.Log(functionName, level, format, copy);
+            va_end(copy);
+        },
+        [&] { return FormatV(format, args); });
     va_end(args);
 }
 
@@ -110,7 +120,7 @@ void LogWithLastError(const char* functionName, int32_t level, const char* forma
     const int err = errno;
     va_list args;
     va_start(args, format);
-    EmitWithError(err, functionName, level, format, args);
+    DispatchWithError(err, functionName, level, format, args);
     va_end(args);
 }
 
@@ -119,7 +129,7 @@ void LogWithSocketError(const char* functionName, int32_t level, const char* for
     const int err = errno;
     va_list args;
     va_start(args, format);
-    EmitWithError(err, functionName, level, format, args);
+    DispatchWithError(err, functionName, level, format, args);
     va_end(args);
 }
 
@@ -127,26 +137,39 @@ void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, co
 {
     va_list args;
     va_start(args, format);
-    EmitWithError(errorCode, functionName, level, format, args);
+    DispatchWithError(errorCode, functionName, level, format, args);
     va_end(args);
 }
 
 void SetCurrentLogLevel(int32_t level)
 {
-    std::lock_guard<std::recursive_mutex> guard(LoggingLock());
-    g_level = level;
-    CurrentLogLevel = level;
+    LxMutexLock guard(LoggingLock());
+    RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger();
+    if (logger && logger->IsStarted())
+        logger->SetLevel(level);
+    else
+        LoggerManager::SetFrontEndLevel(level);
 }
 
 LogSink* SetLogSink(LogSink* sink)
 {
-    std::lock_guard<std::recursive_mutex> guard(LoggingLock());
+    LxMutexLock guard(LoggingLock());
     LogSink* previous = g_sink ? g_sink : &StdErrLogSink();
-    g_sink = sink;
+    // The standard-error sink is the fallback, not an observer.
+    g_sink = sink == &StdErrLogSink() ? nullptr : sink;
     return previous;
 }
 
 void WriteLogLine(const LogLine& line)
 {
-    UnderLoggingLock(line.level, [&](LogSink& sink) { sink.Write(line); });
+    Dispatch(
+        line,
+        [&](Logger& logger) {
+            // Named trace loggers write through the default logger's writers,
+            // their name in front of the function.
+            std::string function = line.loggerName ? std::string(line.loggerName) + " " : std::string();
+            function += line.functionName ? line.functionName : "";
+            logger.LogText(function.c_str(), line.level, line.text.data(), static_cast<int32_t>(line.text.size()));
+        },
+        [&] { return std::string(line.text); });
 }

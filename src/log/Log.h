@@ -9,7 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
-// Copy of the default logger's level; 0 when nothing would be written.
+// Copy of the default logger's level while it is started; otherwise the
+// front-end level (0 unless SetCurrentLogLevel set it).
 extern std::atomic<int32_t> CurrentLogLevel;
 
 void Log(const char* functionName, int32_t level, const char* format, ...)
@@ -24,7 +25,8 @@ void LogWithSocketError(const char* functionName, int32_t level, const char* for
 void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Sets the level of the writing side and CurrentLogLevel together.
+// Sets the started default logger's level, or else the front-end level of
+// processes that have no logger; CurrentLogLevel follows.
 void SetCurrentLogLevel(int32_t level);
 
 #define LOG_AT(level, functionName, ...)                      \

@@ -1,7 +1,9 @@
 #pragma once
-// Where finished log lines go. The sink is called under the process-wide
-// logging lock, one line at a time, and must not log itself (a nested log call
-// is dropped, not written).
+// An observer of finished log lines beside the loggers: tests capture lines
+// through it. The sink is called under the process-wide logging lock, one line
+// at a time, with every line at or below CurrentLogLevel, and must not log
+// itself (a nested log call is dropped, not written). Without a sink, and
+// while no default logger is started, lines go to standard error.
 
 #include <cstdint>
 #include <string_view>
@@ -21,7 +23,8 @@ public:
     virtual void Write(const LogLine& line) = 0;
 };
 
-// Installs `sink` (null: the standard-error sink) and returns the previous one.
+// Installs `sink` (null or the standard-error sink: none) and returns the
+// previous one (the standard-error sink when there was none).
 LogSink* SetLogSink(LogSink* sink);
 
 // Writes a finished line to the sink under the logging lock, with the same

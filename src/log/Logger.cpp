@@ -1,0 +1,214 @@
+#include "log/Logger.h"
+
+#include "log/FileWriter.h"
+#include "log/LogLevel.h"
+#include "log/LogSink.h"
+#include "log/LogSystemInfo.h"
+#include "log/LoggerManager.h"
+#include "log/LoggingLock.h"
+#include "platform/ErrnoText.h"
+#include "support/LxMutexLock.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+// The caller's text of an error variant is cut at this many bytes.
+constexpr size_t kErrorTextBuffer = 10240;
+
+#ifdef NDEBUG
+constexpr const char* kBuildType = "release";
+#else
+constexpr const char* kBuildType = "debug";
+#endif
+} // namespace
+
+Logger::Logger(std::string name, std::string appName, RCPtr<LogMessageManager> messageManager)
+    : m_name(std::move(name)), m_appName(std::move(appName)), m_messageManager(std::move(messageManager))
+{
+}
+
+Logger::~Logger()
+{
+    for (auto& entry : m_writers)
+        entry.second->SetLogger(nullptr);
+}
+
+bool Logger::AddRegistrySettings(const std::string& keyPath, LogRegistryRoot root)
+{
+    const char* prefix = root == HKEY_LOCAL_MACHINE ? "HKLM\\" : root == HKEY_CURRENT_USER ? "HKCU\\" : nullptr;
+    if (!prefix || keyPath.empty())
+        return false;
+    LxMutexLock guard(LoggingLock());
+    m_settingsLocations.push_back(prefix + keyPath);
+    return true;
+}
+
+RCPtr<LogWriter> Logger::FindWriter(int32_t type)
+{
+    LxMutexLock guard(LoggingLock());
+    auto it = m_writers.find(type);
+    return it == m_writers.end() ? RCPtr<LogWriter>() : it->second;
+}
+
+RCPtr<LogWriter> Logger::GetWriter(int32_t type)
+{
+    LxMutexLock guard(LoggingLock());
+    auto it = m_writers.find(type);
+    if (it != m_writers.end())
+        return it->second;
+    RCPtr<LogWriter> writer;
+    switch (type) {
+    case LogWriter::kFileWriter:
+        writer = MakeRC<FileWriter>();
+        break;
+    default:
+        // The debugger, console, socket and proxy writers are not in this build.
+        return {};
+    }
+    writer->SetLogger(this);
+    m_writers.emplace(type, writer);
+    return writer;
+}
+
+void Logger::SetLevel(int32_t level)
+{
+    LxMutexLock guard(LoggingLock());
+    m_level.store(level);
+    LoggerManager::RefreshCurrentLogLevel();
+}
+
+void Logger::SetUseLocalTime(bool useLocalTime)
+{
+    LxMutexLock guard(LoggingLock());
+    m_useLocalTime.store(useLocalTime);
+    LoggerManager::RefreshCurrentLogLevel();
+}
+
+const char* Logger::GetLevelName(int32_t level)
+{
+    return LogLevelName(level);
+}
+
+bool Logger::Start()
+{
+    LxMutexLock guard(LoggingLock());
+    if (m_started.load())
+        return true;
+    // The settings readers of m_settingsLocations are applied here once they exist.
+    if (m_writers.empty())
+        return false;
+    int started = 0;
+    for (auto& entry : m_writers)
+        started += entry.second->Start() ? 1 : 0;
+    if (started == 0)
+        return false;
+    m_neverStarted = false;
+    m_started.store(true);
+    LoggerManager::RefreshCurrentLogLevel();
+    LogStartupInfo();
+    return true;
+}
+
+void Logger::Shutdown()
+{
+    std::map<int32_t, RCPtr<LogWriter>> writers;
+    {
+        LxMutexLock guard(LoggingLock());
+        writers.swap(m_writers);
+        m_settingsLocations.clear();
+    }
+    // Outside the lock: a writer waits for its drain on the poll thread.
+    for (auto& entry : writers) {
+        entry.second->Shutdown();
+        entry.second->SetLogger(nullptr);
+    }
+}
+
+template <typename Fill>
+void Logger::FanOut(const char* functionName, int32_t level, Fill&& fill)
+{
+    LxMutexLock guard(LoggingLock());
+    if (!Admits(level))
+        return;
+    RCPtr<LogMessage> message;
+    for (auto& entry : m_writers) {
+        LogWriter& writer = *entry.second;
+        if (!writer.IsActive())
+            continue;
+        if (!message) {
+            message = m_messageManager->NewMessage(level);
+            const char* name = functionName ? functionName : "";
+            message->Reserve(static_cast<int32_t>(strlen(name)) + 160);
+            int32_t space = 0;
+            char* tail = message->GetTail(space);
+            message->Commit(writer.FormatPrefix(tail, static_cast<size_t>(space) + 1, name, level));
+            fill(*message);
+        }
+        writer.Write(message);
+    }
+}
+
+void Logger::Log(const char* functionName, int32_t level, const char* format, va_list args)
+{
+    FanOut(functionName, level, [&](LogMessage& message) { message.AppendFormat(format, args, true); });
+}
+
+void Logger::LogText(const char* functionName, int32_t level, const char* text, int32_t length)
+{
+    FanOut(functionName, level, [&](LogMessage& message) { message.Append(text, length, true); });
+}
+
+void Logger::LogWithError(int errorCode, const char* functionName, int32_t level, const char* format, va_list args)
+{
+    if (!Admits(level))
+        return;
+    static thread_local char buffer[kErrorTextBuffer];
+    va_list copy;
+    va_copy(copy, args);
+    int n = vsnprintf(buffer, sizeof buffer, format, copy);
+    va_end(copy);
+    if (n < 0)
+        n = 0;
+    size_t length = static_cast<size_t>(n) < sizeof buffer ? static_cast<size_t>(n) : sizeof buffer - 1;
+    if (length > 0 && buffer[length - 1] == '\n')
+        --length;
+    const std::string systemText = platform::ErrnoText(errorCode);
+    const int extra =
+        snprintf(buffer + length, sizeof buffer - length, "; (%d) %s", errorCode, systemText.c_str());
+    if (extra > 0)
+        length = length + static_cast<size_t>(extra) < sizeof buffer ? length + static_cast<size_t>(extra)
+                                                                       : sizeof buffer - 1;
+    LogText(functionName, level, buffer, static_cast<int32_t>(length));
+}
+
+namespace {
+void LogLine0(Logger& logger, const char* functionName, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void LogLine0(Logger& logger, const char* functionName, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    logger.Log(functionName, LOG_LEVEL_ALWAYS, format, args);
+    va_end(args);
+}
+} // namespace
+
+void Logger::LogStartupInfo()
+{
+    const std::string module = logsys::LoggingModulePath();
+    const std::string image = logsys::ProcessImagePath();
+    const std::string moduleField = module.empty() ? std::string("Logger::LogStartupInfo()") : module;
+    LogLine0(*this, moduleField.c_str(), "%s%s\n", logsys::ModuleVersionText(module).c_str(),
+             (std::string(", buildtype=") + kBuildType + "/x64" + ", sessionId=" +
+              std::to_string(logsys::SessionId()))
+                 .c_str());
+    if (!image.empty() && image != module)
+        LogLine0(*this, image.c_str(), "%s\n", logsys::ModuleVersionText(image).c_str());
+    LogLine0(*this, "OS Version", "%s%s\n", logsys::OsVersionText().c_str(), "");
+    char other[64];
+    FormatLogTimeStamp(other, sizeof other, UsesLocalTime());
+    LogLine0(*this, "Time Zone", "%s, %s time is %s\n", logsys::TimeZoneText().c_str(),
+             UsesLocalTime() ? "UTC" : "Local", other);
+    LogLine0(*this, "Log Level", "%s (read from %s)\n", GetLevelName(GetLevel()), m_levelSource.c_str());
+}

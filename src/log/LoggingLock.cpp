@@ -1,0 +1,13 @@
+#include "log/LoggingLock.h"
+
+LxMutex& LoggingLock()
+{
+    // Never destroyed: threads may log while statics are torn down.
+    static LxMutex* lock = [] {
+        auto* made = new LxMutex(false, "Logging");
+        // An infinite wait on this lock must not warn through the logger it guards.
+        made->SetDeadlockWarningMs(LxMutex::kInfinite);
+        return made;
+    }();
+    return *lock;
+}

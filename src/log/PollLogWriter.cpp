@@ -1,0 +1,13 @@
+#include "log/PollLogWriter.h"
+
+#include "log/LogWriter.h"
+
+PollLogWriter::PollLogWriter(LogWriter& writer) : LxPollItem("LogWriter", LogWriter::kPollIntervalMs), m_writer(writer)
+{
+}
+
+bool PollLogWriter::Run(bool /*signalled*/)
+{
+    m_writer.PollDrain();
+    return true;
+}

@@ -1,0 +1,118 @@
+#include "common/LogCapture.h"
+#include "log/Log.h"
+#include "log/LogMessageCache.h"
+#include "log/LogTestSupport.h"
+#include "log/PollLogWriter.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+TEST(LogMessage, GrowsToTheHeapAndKeepsTheWholeText)
+{
+    RCPtr<LogMessage> message = MakeRC<LogMessage>();
+    const std::string head(200, 'a');
+    const std::string tail(100, 'b');
+    message->Append(head.c_str());
+    EXPECT_FALSE(message->IsOnHeap());
+    message->AppendFormatted(true, "%s", tail.c_str());
+    EXPECT_TRUE(message->IsOnHeap());
+    EXPECT_EQ(std::string(message->GetText()), head + tail + "\n");
+    message->Append("\n", -1, true);  // already ends in a line feed: one is enough
+    EXPECT_EQ(message->GetLength(), 302);
+}
+
+TEST(LogMessage, TheHundredAndFirstMessageOpensASecondBlockAndIdleBlocksGo)
+{
+    ScopedLogCapture capture(LOG_LEVEL_VERBOSE);
+    RCPtr<LogMessageCache> cache = MakeRC<LogMessageCache>();
+    std::vector<RCPtr<LogMessage>> inUse;
+    for (int i = 0; i < 100; ++i)
+        inUse.push_back(cache->NewMessage());
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+    EXPECT_FALSE(cache->HasReleaseTimer());
+    inUse.push_back(cache->NewMessage());
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+    EXPECT_TRUE(cache->HasReleaseTimer());
+    // The cache reports its growth in front of the next message, not through the logger.
+    cache->MovePendingTextInto(*inUse.back());
+    EXPECT_NE(std::string(inUse.back()->GetText()).find(" T LogMessageCache::NewMessage(): Log message cache size is 200\n"),
+              std::string::npos);
+
+    // Released messages are reused, not allocated again.
+    inUse.erase(inUse.begin(), inUse.begin() + 50);
+    for (int i = 0; i < 140; ++i)
+        inUse.push_back(cache->NewMessage());
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+
+    // A block in use is kept; entirely free blocks go, but never the last one.
+    cache->SetIdleReleaseMs(0);
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+    inUse.clear();
+    capture.Clear();
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+    EXPECT_EQ(capture.Count("Log message cache size is 100", "LogMessageCache::OnBlockReleaseTimer()"), 1u);
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+
+    // Not yet idle long enough: kept.
+    cache->SetIdleReleaseMs(600000);
+    for (int i = 0; i < 101; ++i)
+        inUse.push_back(cache->NewMessage());
+    inUse.clear();
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+}
+
+using LogWriterQueue = FileLoggerFixture;
+
+TEST_F(LogWriterQueue, MessagesRefusedByADisabledWriterAreReportedOnce)
+{
+    MakeLogger();
+    Start();
+    writer->SetEnabled(false);
+    for (int i = 0; i < 5; ++i)
+        Log("F()", LOG_LEVEL_INFO, "while disabled %d", i);
+    writer->SetEnabled(true);
+    Log("F()", LOG_LEVEL_INFO, "after");
+    const std::string text = Finish();
+    EXPECT_EQ(text.find("while disabled"), std::string::npos);
+    EXPECT_NE(text.find("I F(): after\n"), std::string::npos);
+    const std::string report = "\n******* Dropped 5 messages *******\n\n";
+    ASSERT_NE(text.find(report), std::string::npos) << text;
+    EXPECT_EQ(text.find(report, text.find(report) + 1), std::string::npos);
+}
+
+TEST_F(LogWriterQueue, AFullQueueSwitchesToBatchModeAndLosesNothing)
+{
+    MakeLogger();
+    Start();
+    // Hold the poll drain off so the queue fills whatever the machine's speed.
+    writer->GetPollItem()->Disable(true);
+    for (int i = 0; i < 15050; ++i)
+        Log("F()", LOG_LEVEL_INFO, "line %d", i);
+    EXPECT_TRUE(writer->IsBatchMode());
+    const std::string text = Finish();
+    const std::string banner = "\n***** BATCH MODE ENABLED *****\n\n";
+    ASSERT_NE(text.find(banner), std::string::npos);
+    EXPECT_EQ(text.find(banner, text.find(banner) + 1), std::string::npos);
+    size_t lines = 0;
+    int expected = 0;
+    bool inOrder = true;
+    for (const std::string& line : SplitLines(text)) {
+        const size_t at = line.find("I F(): line ");
+        if (at == std::string::npos)
+            continue;
+        inOrder = inOrder && std::stoi(line.substr(at + 12)) == expected++;
+        ++lines;
+    }
+    EXPECT_EQ(lines, 15050u);
+    EXPECT_TRUE(inOrder);
+}
+
+} // namespace
