@@ -14,6 +14,7 @@
 #include "task/TaskExecutor.h"
 #include "task/WorkTask.h"
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <map>
@@ -73,7 +74,7 @@ public:
     const _GUID& endpoint() const { return m_endpoint; }
     uint32_t linkFlags() const { return m_linkFlags; }
     void addLinkFlags(uint32_t flags) { m_linkFlags |= flags; }
-    uint32_t peerProcessId() const { return m_peerProcessId; }
+    uint32_t peerProcessId() const { return m_peerProcessId.load(); }
     uint64_t controlStreamId();
     std::shared_ptr<KxIpclibStreamCtrl> controlStream();
     KxIpclibLinkState state();
@@ -92,7 +93,8 @@ protected:
     const _GUID m_endpoint;
     uint32_t m_linkFlags;
     std::u16string m_linkName;
-    const uint32_t m_peerProcessId;
+    // Known at construction on the server; a client learns it from the bootstrap reply.
+    std::atomic<uint32_t> m_peerProcessId;
     std::shared_ptr<KxIpclibStreamCtrl> m_controlStream;
     uint64_t m_controlStreamId = 0;
     tamsel::task::WorkTask<void(std::weak_ptr<KxIpclibLink>)> m_sendTask;

@@ -70,6 +70,13 @@ int KxIpclibLinkSharedMemLinux::attach(KxIpclibLinkChannelResourceLinux sendToPe
     return 0;
 }
 
+void KxIpclibLinkSharedMemLinux::setPeer(uint32_t peerProcessId, platform::UniqueFd peerProcess)
+{
+    LinkLock lock(m_lock);
+    m_peerProcessId = peerProcessId;
+    m_peerProcess = std::move(peerProcess);
+}
+
 uint32_t KxIpclibLinkSharedMemLinux::stopReason()
 {
     LinkLock lock(m_lock);
@@ -337,7 +344,8 @@ void KxIpclibLinkSharedMemLinux::stopWorkers()
 
 void KxIpclibLinkSharedMemLinux::linkStop(LinkLock&)
 {
-    if (m_stopReason == 0)
+    // A link that failed before its channels were made has nobody to tell.
+    if (m_stopReason == 0 && m_recvChannel)
         m_recvChannel->signalStop();
 }
 

@@ -40,6 +40,8 @@ public:
     // what the creator sends on is `recvFromPeer` here.
     int attach(KxIpclibLinkChannelResourceLinux sendToPeer, KxIpclibLinkChannelResourceLinux recvFromPeer,
                int& errorCode);
+    // A client names its peer once the bootstrap reply has told it; before start.
+    void setPeer(uint32_t peerProcessId, platform::UniqueFd peerProcess);
     const std::shared_ptr<KxIpclibLinkChannelSharedMemLinux>& sendChannel() const { return m_sendChannel; }
     const std::shared_ptr<KxIpclibLinkChannelSharedMemLinux>& recvChannel() const { return m_recvChannel; }
 

@@ -208,6 +208,15 @@ void KxIpclibStream::setOnAcceptSendOpenAck(bool value)
     m_onAcceptSendOpenAck = value;
 }
 
+KxIpcStatusCode KxIpclibStream::setPeerStreamId(uint64_t peerStreamId)
+{
+    Lock lock(m_mutex);
+    if (m_state != KxIpclibStreamState::Init)
+        return KxIpcStatusInvalidState;
+    m_peerStreamId = peerStreamId;
+    return KxIpcStatusSuccess;
+}
+
 tamsel::expected<std::shared_ptr<KxIpclibStream>, KxIpcStatusCode> KxIpclibStream::open(
     const std::shared_ptr<KxIpclibLink>& link, const std::shared_ptr<tamsel::task::TaskExecutor>& executor,
     const std::u16string& name, Flags<KxIpclibStreamFlag> flags, KxIpclibRecvFunction onRecv,

@@ -83,6 +83,9 @@ public:
     void shutdown();
     // For a stream the peer opened: accept answers the "Open".
     void setOnAcceptSendOpenAck(bool value);
+    // For the first stream of a link the bootstrap set up: the reply names the
+    // peer's stream. Only before accept; 8 otherwise.
+    KxIpcStatusCode setPeerStreamId(uint64_t peerStreamId);
     KxIpcStatusCode rejectStatus();
 
     uint64_t streamId() const { return m_streamId; }

@@ -19,12 +19,24 @@ std::unique_ptr<KxIpclibTask> KxIpclibTask::create()
 KxIpcStatusCode KxIpclibTaskLinux::init()
 {
     KXIPC_TRACE(Lib, "> ");
-    auto executor = tamsel::task::LinuxThreadPoolExecutor::create(m_options);
-    if (!executor) {
+    std::shared_ptr<tamsel::task::TaskExecutor> inner = tamsel::task::LinuxThreadPoolExecutor::create(m_options);
+    if (!inner) {
         KXIPC_TRACE(Lib, "< status: {}", KxIpcStatusUnexpected);
         return KxIpcStatusUnexpected;
     }
-    m_executor = std::move(executor);
+    auto release = std::make_shared<Release>();
+    // Shares the executor without owning it: its deleter only reports.
+    m_executor = std::shared_ptr<tamsel::task::TaskExecutor>(inner.get(), [release](tamsel::task::TaskExecutor*) {
+        std::shared_ptr<tamsel::task::TaskExecutor> abandoned;
+        {
+            std::lock_guard<std::mutex> guard(release->mutex);
+            release->done = true;
+            abandoned = std::move(release->abandoned);
+        }
+        release->released.notify_all();
+    });
+    m_inner = std::move(inner);
+    m_release = std::move(release);
     KXIPC_TRACE(Lib, "< status: {}", KxIpcStatusSuccess);
     return KxIpcStatusSuccess;
 }
@@ -36,12 +48,22 @@ void KxIpclibTaskLinux::uninit(std::unique_lock<std::mutex>& lock)
         throw std::system_error(std::make_error_code(std::errc::operation_not_permitted));
     auto executor = std::move(m_executor);
     m_executor.reset();
+    auto inner = std::move(m_inner);
+    m_inner.reset();
+    auto release = std::move(m_release);
+    m_release.reset();
     lock.unlock();
-    // When this was the last reference, the executor drains its tasks here,
-    // outside the library's lock.
     KXIPC_TRACE(Lib, "Waiting for group callbacks to complete");
     executor.reset();
+    if (release) {
+        std::unique_lock<std::mutex> wait(release->mutex);
+        if (!release->released.wait_for(wait, kReleaseWait, [&] { return release->done; })) {
+            KXIPC_TRACE(Lib, "- executor still in use; its last holder ends it");
+            release->abandoned = std::move(inner);
+        }
+    }
     KXIPC_TRACE(Lib, "Destroying threadpool environment");
+    inner.reset();  // drains the executor here, outside the library's lock
     lock.lock();
     KXIPC_TRACE(Lib, "< ");
 }

@@ -118,5 +118,9 @@ int main(int argc, char** argv)
     link->close();
     streams.clear();
     std::fprintf(stderr, "peer: %s\n", result == 0 ? "every echo matched" : "echo mismatch");
+    // Stay until the test has seen our stop: exiting at once would race it
+    // with the server noticing that we are gone.
+    char byte;
+    [[maybe_unused]] ssize_t n = ::read(socket, &byte, 1);
     return result;
 }

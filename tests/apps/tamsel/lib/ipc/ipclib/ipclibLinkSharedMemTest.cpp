@@ -178,6 +178,8 @@ TEST_F(ShmLinkProcess, TwoProcessesExchangeEveryByteInBothDirections)
     const size_t descriptors = OpenDescriptors();
     {
         startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
+        EXPECT_TRUE(closed->waitFor(1));  // the peer stopped its side and waits to be let go
+        control.reset();
         ASSERT_EQ(waitPeer(), 0) << "the peer saw a wrong echo or failed";
         const auto sizes = MessageSizes(kSection);
         std::lock_guard<std::mutex> guard(server.lock);
