@@ -2,6 +2,7 @@
 
 #include "peer/NtStatusText.h"
 #include "platform/LittleEndian.h"
+#include "platform/NtStatus.h"
 
 #include <isa-l/crc.h>
 
@@ -82,8 +83,9 @@ bool DriveSession::Release(uint8_t letter, std::string& error)
     return false;
 }
 
-bool DriveSession::ReadAll(uint8_t letter, uint64_t size, const std::function<bool(const uint8_t*, size_t)>& sink,
-                           uint32_t& crc, const Progress& progress, std::string& error)
+bool DriveSession::ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
+                            const std::function<bool(const uint8_t*, size_t)>& sink, bool allowShort, uint32_t& crc,
+                            uint64_t& done, const Progress& progress, std::string& error)
 {
     struct InFlight {
         uint64_t io;
@@ -92,28 +94,36 @@ bool DriveSession::ReadAll(uint8_t letter, uint64_t size, const std::function<bo
     };
     std::deque<InFlight> window;
     uint64_t next = 0;
-    uint64_t done = 0;
+    done = 0;
     crc = 0;
     while (done < size) {
         while (window.size() < kWindow && next < size) {
             const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(kChunk, size - next));
             const uint64_t io = m_client.NextIoContext();
-            if (!m_client.Submit(io, EncodeReadRequest(io, letter, 0, next, length))) {
+            if (!m_client.Submit(io, EncodeReadRequest(io, letter, 0, offset + next, length))) {
                 error = "the request could not be sent";
                 return false;
             }
-            window.push_back({io, next, length});
+            window.push_back({io, offset + next, length});
             next += length;
         }
         const InFlight head = window.front();
         window.pop_front();
         auto reply = m_client.Wait(head.io, m_timeout, error);
-        if (!reply || !CheckStatus(*reply, "read", error))
+        if (!reply)
+            return false;
+        if (allowShort && done > 0 && reply->header.status == platform::STATUS_END_OF_FILE)
+            return true;  // the range went past the end
+        if (!CheckStatus(*reply, "read", error))
             return false;
         platform::LeReader reader(reply->payload.data(), reply->payload.size());
         uint32_t bytesRead = 0;
-        if (!reader.u32(bytesRead) || bytesRead != head.length ||
+        if (!reader.u32(bytesRead) || bytesRead > head.length ||
             reply->payload.size() - DR_READ_RSP_SIZE != bytesRead) {
+            error = "read reply does not hold the bytes it counts";
+            return false;
+        }
+        if (bytesRead != head.length && !allowShort) {
             error = "read at offset " + std::to_string(head.offset) + " returned " + std::to_string(bytesRead) +
                     " of " + std::to_string(head.length) + " bytes";
             return false;
@@ -127,12 +137,15 @@ bool DriveSession::ReadAll(uint8_t letter, uint64_t size, const std::function<bo
         done += bytesRead;
         if (progress)
             progress(done, size);
+        if (bytesRead != head.length)
+            return true;  // short: the end of the drive
     }
     return true;
 }
 
-bool DriveSession::WriteAll(uint8_t letter, uint64_t size, const std::function<bool(uint8_t*, size_t)>& source,
-                            uint32_t& crc, const Progress& progress, std::string& error)
+bool DriveSession::WriteRange(uint8_t letter, uint64_t offset, uint64_t size,
+                              const std::function<bool(uint8_t*, size_t)>& source, uint32_t& crc,
+                              const Progress& progress, std::string& error)
 {
     struct InFlight {
         uint64_t io;
@@ -152,7 +165,7 @@ bool DriveSession::WriteAll(uint8_t letter, uint64_t size, const std::function<b
             }
             crc = crc32_gzip_refl(crc, chunk.data(), length);
             const uint64_t io = m_client.NextIoContext();
-            if (!m_client.Submit(io, EncodeWriteRequest(io, letter, 0, next, chunk.data(), length))) {
+            if (!m_client.Submit(io, EncodeWriteRequest(io, letter, 0, offset + next, chunk.data(), length))) {
                 error = "the request could not be sent";
                 return false;
             }
@@ -165,7 +178,8 @@ bool DriveSession::WriteAll(uint8_t letter, uint64_t size, const std::function<b
         if (!reply || !CheckStatus(*reply, "write", error))
             return false;
         if (reply->header.information != head.length) {
-            error = "a write was short";
+            error = "a write was short: " + std::to_string(reply->header.information) + " of " +
+                    std::to_string(head.length) + " bytes";
             return false;
         }
         done += head.length;

@@ -28,13 +28,17 @@ public:
     // A release has no reply; false only when it could not be sent.
     bool Release(uint8_t letter, std::string& error);
 
-    // Reads [0, size) into `sink` in order; `crc` receives the CRC-32 of the bytes.
-    bool ReadAll(uint8_t letter, uint64_t size, const std::function<bool(const uint8_t*, size_t)>& sink,
-                 uint32_t& crc, const Progress& progress, std::string& error);
+    // Reads [offset, offset + size) into `sink` in order with kWindow requests
+    // in flight; `crc` receives the CRC-32 of the bytes and `done` their count.
+    // A short reply ends the range early when `allowShort`, else it fails.
+    bool ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
+                   const std::function<bool(const uint8_t*, size_t)>& sink, bool allowShort, uint32_t& crc,
+                   uint64_t& done, const Progress& progress, std::string& error);
     // Writes `size` bytes taken from `source` (which fills the buffer it is
-    // given and returns false on a read failure) at offset 0.
-    bool WriteAll(uint8_t letter, uint64_t size, const std::function<bool(uint8_t*, size_t)>& source,
-                  uint32_t& crc, const Progress& progress, std::string& error);
+    // given, false on a read failure) at `offset`, kWindow requests in flight.
+    bool WriteRange(uint8_t letter, uint64_t offset, uint64_t size,
+                    const std::function<bool(uint8_t*, size_t)>& source, uint32_t& crc, const Progress& progress,
+                    std::string& error);
 
 private:
     std::optional<DriveReply> Call(std::vector<uint8_t> record, uint64_t ioContext, std::string& error);

@@ -192,22 +192,28 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
     uint64_t received = 0;
     bool inOrder = true;
     uint32_t crc = 0;
+    uint64_t done = 0;
     std::string error;
-    ASSERT_TRUE(session.ReadAll(
-        'E', size,
+    ASSERT_TRUE(session.ReadRange(
+        'E', 0, size,
         [&](const uint8_t* bytes, size_t count) {
             for (size_t i = 0; i < count; ++i)
                 inOrder = inOrder && bytes[i] == static_cast<uint8_t>(received + i);
             received += count;
             return true;
         },
-        crc, nullptr, error))
+        false, crc, done, nullptr, error))
         << error;
     EXPECT_EQ(received, size);
+    EXPECT_EQ(done, size);
     EXPECT_TRUE(inOrder);
     EXPECT_GT(maxInFlight, 1u);
 
     shortAt = DriveSession::kChunk;  // the worker returns one byte less for the second chunk
-    EXPECT_FALSE(session.ReadAll('E', size, [](const uint8_t*, size_t) { return true; }, crc, nullptr, error));
+    auto ignore = [](const uint8_t*, size_t) { return true; };
+    EXPECT_FALSE(session.ReadRange('E', 0, size, ignore, false, crc, done, nullptr, error));
     EXPECT_NE(error.find("returned"), std::string::npos) << error;
+    // Allowed, a short reply ends the range where the drive ends.
+    ASSERT_TRUE(session.ReadRange('E', 0, size, ignore, true, crc, done, nullptr, error)) << error;
+    EXPECT_EQ(done, 2 * DriveSession::kChunk - 1);
 }

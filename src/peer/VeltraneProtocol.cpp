@@ -1,0 +1,341 @@
+// veltrane-protocol.exe: the worker's peer. Starts tolvClientWorker on a fresh
+// endpoint (or connects to one already listening), opens the "tolvCommands"
+// stream, and runs the steps of its command line: query, read, write and
+// release ranges of drives and files, and whole copies with a checksum check.
+
+#include "peer/DriveClient.h"
+#include "peer/DriveSession.h"
+#include "peer/PeerCommandLine.h"
+#include "peer/PeerConnection.h"
+
+#include "platform/UniqueFd.h"
+#include "platform/Utf.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <isa-l/crc.h>
+
+#include <cerrno>
+#include <csignal>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class ProgressBar {
+public:
+    ProgressBar(bool enabled, const char* what) : m_enabled(enabled && isatty(STDERR_FILENO)), m_what(what) {}
+    void operator()(uint64_t done, uint64_t total)
+    {
+        if (!m_enabled || total == 0)
+            return;
+        const int percent = static_cast<int>(done * 100 / total);
+        if (percent == m_last)
+            return;
+        m_last = percent;
+        char bar[41];
+        const int filled = percent * 40 / 100;
+        for (int i = 0; i < 40; ++i)
+            bar[i] = i < filled ? '#' : '.';
+        bar[40] = '\0';
+        std::fprintf(stderr, "\r%s [%s] %3d%% %llu of %llu MiB", m_what, bar, percent,
+                     static_cast<unsigned long long>(done >> 20), static_cast<unsigned long long>(total >> 20));
+        if (done == total)
+            std::fputc('\n', stderr);
+        std::fflush(stderr);
+    }
+
+private:
+    bool m_enabled;
+    const char* m_what;
+    int m_last = -1;
+};
+
+void PrintThroughput(const char* what, uint64_t bytes, Clock::duration elapsed)
+{
+    const double seconds = std::chrono::duration<double>(elapsed).count();
+    std::printf("%s %llu bytes in %.3f s: %.1f MiB/s\n", what, static_cast<unsigned long long>(bytes), seconds,
+                seconds > 0 ? bytes / seconds / (1 << 20) : 0.0);
+}
+
+bool WriteWhole(int fd, const uint8_t* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = write(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool ReadWhole(int fd, uint8_t* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = read(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The CRC-32 of a whole local file, read back from the disk.
+bool FileCrc(const std::string& path, uint32_t& crc)
+{
+    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return false;
+    std::vector<uint8_t> buffer(1 << 20);
+    crc = 0;
+    for (;;) {
+        const ssize_t n = read(fd.get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            return true;
+        crc = crc32_gzip_refl(crc, buffer.data(), static_cast<uint64_t>(n));
+    }
+}
+
+class StepRunner {
+public:
+    StepRunner(DriveSession& session, const PeerOptions& options) : m_session(session), m_options(options) {}
+
+    bool Run(const PeerStep& step)
+    {
+        switch (step.kind) {
+        case PeerStepKind::Query: return Query(step.letter, step.path, nullptr);
+        case PeerStepKind::Read: return Read(step);
+        case PeerStepKind::Write: return Write(step);
+        case PeerStepKind::Release: return Release(step.letter);
+        case PeerStepKind::CopyOut: return CopyOut(step);
+        case PeerStepKind::CopyIn: return CopyIn(step);
+        }
+        return false;
+    }
+
+private:
+    static constexpr uint8_t kCopyLetter = 'Z';
+
+    bool Fail(const std::string& what)
+    {
+        std::fprintf(stderr, "veltrane-protocol: %s\n", what.c_str());
+        return false;
+    }
+
+    bool Query(uint8_t letter, const std::string& path, DR_QUERY_DISK_RSP* out)
+    {
+        auto wide = platform::Utf8ToUtf16(path);
+        if (!wide)
+            return Fail("the path is not valid UTF-8: " + path);
+        DR_QUERY_DISK_RSP info;
+        std::string error;
+        if (!m_session.Query(letter, *wide, info, error))
+            return Fail(std::string("drive ") + static_cast<char>(letter) + ": " + path + ": " + error);
+        std::printf("drive %c: %s: %llu bytes, %s, media type %u, %u tracks per cylinder, %u sectors per track, "
+                    "%u bytes per sector\n",
+                    letter, path.c_str(), static_cast<unsigned long long>(info.diskSize),
+                    info.readOnly ? "read-only" : "writable", info.mediaType, info.tracksPerCylinder,
+                    info.sectorsPerTrack, info.bytesPerSector);
+        if (out)
+            *out = info;
+        return true;
+    }
+
+    bool Release(uint8_t letter)
+    {
+        std::string error;
+        if (!m_session.Release(letter, error))
+            return Fail(error);
+        std::printf("drive %c: released\n", letter);
+        return true;
+    }
+
+    bool Read(const PeerStep& step)
+    {
+        const bool toStdout = step.file == "-";
+        platform::UniqueFd out(toStdout ? dup(STDOUT_FILENO)
+                                        : open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        if (!out)
+            return Fail("cannot open " + step.file + ": " + std::strerror(errno));
+        uint32_t crc = 0;
+        uint64_t done = 0;
+        std::string error;
+        const auto start = Clock::now();
+        if (!m_session.ReadRange(
+                step.letter, step.offset, step.length,
+                [&](const uint8_t* bytes, size_t count) { return WriteWhole(out.get(), bytes, count); }, true, crc,
+                done, nullptr, error))
+            return Fail(error);
+        if (!toStdout)
+            PrintThroughput("read", done, Clock::now() - start);
+        else
+            std::fprintf(stderr, "read %llu bytes\n", static_cast<unsigned long long>(done));
+        return true;
+    }
+
+    bool Write(const PeerStep& step)
+    {
+        platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
+        struct stat st {};
+        if (!in || fstat(in.get(), &st) != 0)
+            return Fail("cannot open " + step.file + ": " + std::strerror(errno));
+        uint32_t crc = 0;
+        std::string error;
+        const auto start = Clock::now();
+        if (!m_session.WriteRange(
+                step.letter, step.offset, static_cast<uint64_t>(st.st_size),
+                [&](uint8_t* buffer, size_t count) { return ReadWhole(in.get(), buffer, count); }, crc, nullptr,
+                error))
+            return Fail(error);
+        PrintThroughput("wrote", static_cast<uint64_t>(st.st_size), Clock::now() - start);
+        return true;
+    }
+
+    bool CopyOut(const PeerStep& step)
+    {
+        DR_QUERY_DISK_RSP info;
+        if (!Query(kCopyLetter, step.path, &info))
+            return false;
+        platform::UniqueFd out(open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        if (!out)
+            return Fail("cannot open " + step.file + ": " + std::strerror(errno));
+        ProgressBar bar(!m_options.quiet, "copy-out");
+        uint32_t crc = 0;
+        uint64_t done = 0;
+        std::string error;
+        const auto start = Clock::now();
+        const bool ok = m_session.ReadRange(
+            kCopyLetter, 0, info.diskSize,
+            [&](const uint8_t* bytes, size_t count) { return WriteWhole(out.get(), bytes, count); }, false, crc, done,
+            [&](uint64_t d, uint64_t t) { bar(d, t); }, error);
+        const auto elapsed = Clock::now() - start;
+        std::string releaseError;
+        m_session.Release(kCopyLetter, releaseError);
+        if (!ok)
+            return Fail(error);
+        if (fsync(out.get()) != 0)
+            return Fail("cannot flush " + step.file + ": " + std::strerror(errno));
+        out.reset();
+        PrintThroughput("copied", done, elapsed);
+        uint32_t fileCrc = 0;
+        if (!FileCrc(step.file, fileCrc))
+            return Fail("cannot read " + step.file + " back");
+        if (fileCrc != crc)
+            return Fail("checksum mismatch: received crc32 " + Hex(crc) + ", image holds " + Hex(fileCrc));
+        std::printf("checksum crc32 %s ok\n", Hex(crc).c_str());
+        return true;
+    }
+
+    bool CopyIn(const PeerStep& step)
+    {
+        platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
+        struct stat st {};
+        if (!in || fstat(in.get(), &st) != 0)
+            return Fail("cannot open " + step.file + ": " + std::strerror(errno));
+        const uint64_t size = static_cast<uint64_t>(st.st_size);
+        DR_QUERY_DISK_RSP info;
+        if (!Query(kCopyLetter, step.path, &info))
+            return false;
+        std::string error;
+        std::string releaseError;
+        if (info.diskSize < size) {
+            m_session.Release(kCopyLetter, releaseError);
+            return Fail("the image (" + std::to_string(size) + " bytes) does not fit on " + step.path + " (" +
+                        std::to_string(info.diskSize) + " bytes)");
+        }
+        ProgressBar bar(!m_options.quiet, "copy-in");
+        uint32_t sentCrc = 0;
+        const auto start = Clock::now();
+        bool ok = m_session.WriteRange(
+            kCopyLetter, 0, size, [&](uint8_t* buffer, size_t count) { return ReadWhole(in.get(), buffer, count); },
+            sentCrc, [&](uint64_t d, uint64_t t) { bar(d, t); }, error);
+        const auto elapsed = Clock::now() - start;
+        uint32_t readCrc = 0;
+        uint64_t done = 0;
+        if (ok) {
+            PrintThroughput("copied", size, elapsed);
+            ok = m_session.ReadRange(
+                kCopyLetter, 0, size, [](const uint8_t*, size_t) { return true; }, false, readCrc, done, nullptr,
+                error);
+        }
+        m_session.Release(kCopyLetter, releaseError);
+        if (!ok)
+            return Fail(error);
+        if (readCrc != sentCrc)
+            return Fail("checksum mismatch: wrote crc32 " + Hex(sentCrc) + ", read back " + Hex(readCrc));
+        std::printf("checksum crc32 %s ok\n", Hex(sentCrc).c_str());
+        return true;
+    }
+
+    static std::string Hex(uint32_t value)
+    {
+        char text[11];
+        std::snprintf(text, sizeof text, "0x%08x", value);
+        return text;
+    }
+
+    DriveSession& m_session;
+    const PeerOptions& m_options;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string> args(argv + 1, argv + argc);
+    std::string error;
+    auto parsed = ParsePeerCommandLine(args, error);
+    if (!parsed) {
+        std::fprintf(stderr, "veltrane-protocol: %s\n\n%s", error.c_str(), PeerUsage());
+        return kPeerExitUsage;
+    }
+    const PeerOptions& options = *parsed;
+    std::signal(SIGPIPE, SIG_IGN);
+
+    PeerConnection::Options connectOptions;
+    connectOptions.workerPath = options.workerPath;
+    connectOptions.endpoint = options.endpoint;
+    connectOptions.streamName = options.streamName;
+    connectOptions.timeout = std::chrono::seconds(options.timeoutSeconds);
+    auto connection = PeerConnection::Open(connectOptions, error);
+    if (!connection) {
+        std::fprintf(stderr, "veltrane-protocol: %s\n", error.c_str());
+        return kPeerExitConnect;
+    }
+    DriveClient& client = connection->client();
+
+    DriveSession session(client, std::chrono::seconds(options.timeoutSeconds));
+    StepRunner runner(session, options);
+    int exitCode = kPeerExitOk;
+    for (const PeerStep& step : options.steps) {
+        if (!runner.Run(step)) {
+            exitCode = kPeerExitRequestFailed;
+            break;
+        }
+    }
+
+    const int workerExit = connection->Close();
+    if (workerExit != 0) {
+        std::fprintf(stderr, "veltrane-protocol: the worker exited with %d\n", workerExit);
+        if (exitCode == kPeerExitOk)
+            exitCode = kPeerExitWorker;
+    }
+    return exitCode;
+}

@@ -1,0 +1,39 @@
+#pragma once
+// A program run by a test: started with posix_spawn, its standard output and
+// error captured in files, waited for through a pidfd with a time-out (and
+// killed when it runs over), never left behind.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+class ChildProcess {
+public:
+    // `env` entries ("NAME=value") are added to (or replace in) our environment.
+    ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    bool started() const { return m_pid > 0 || m_exited; }
+    pid_t pid() const { return m_pid; }
+    // The exit code as a signed byte (so -1 reads as -1); -1000 - signal when
+    // killed by a signal; -2000 when it did not end within `timeout` (it is
+    // killed then).
+    int Wait(std::chrono::milliseconds timeout = std::chrono::minutes(2));
+    void Kill(int signal);
+
+    std::string Stdout() const;
+    std::string Stderr() const;
+
+private:
+    pid_t m_pid = -1;
+    bool m_exited = false;
+    int m_status = 0;
+    std::string m_dir;
+};
+
+// The text of every regular file in `directory` (not recursive), joined.
+std::string ReadAllFiles(const std::string& directory);

@@ -1,0 +1,349 @@
+// tolvClientWorker and veltrane-protocol.exe as the user runs them: real
+// processes, a real endpoint, real files and loop devices. Every worker writes
+// its log into a private folder, where the tests read its lines.
+
+#include "common/ChildProcess.h"
+#include "common/LoopDevice.h"
+#include "common/TempDir.h"
+
+#include "platform/UniqueFd.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+
+namespace {
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool CopyExecutable(const std::string& from, const std::string& to)
+{
+    {
+        std::ifstream in(from, std::ios::binary);
+        std::ofstream out(to, std::ios::binary);
+        out << in.rdbuf();
+        if (!in || !out)
+            return false;
+    }
+    return chmod(to.c_str(), 0755) == 0;
+}
+
+// A worker and its peer installed side by side in a private folder, with a
+// private runtime folder for endpoints, an empty settings store and a private
+// temporary folder that receives the worker's log.
+class Installation {
+public:
+    Installation()
+    {
+        mkdir(dir.file("bin").c_str(), 0755);
+        mkdir(dir.file("tmp").c_str(), 0700);
+        mkdir(dir.file("run").c_str(), 0700);
+        mkdir(dir.file("reg").c_str(), 0700);
+        EXPECT_TRUE(CopyExecutable(TOLV_WORKER_PATH, worker()));
+        EXPECT_TRUE(CopyExecutable(TOLV_PEER_PATH, peer()));
+    }
+
+    std::string worker() const { return dir.file("bin/tolvClientWorker"); }
+    std::string peer() const { return dir.file("bin/veltrane-protocol.exe"); }
+    std::string file(const std::string& name) const { return dir.file(name); }
+    std::vector<std::string> env() const
+    {
+        return {"TMPDIR=" + dir.file("tmp"), "IPCLIB_RUNTIME_DIR=" + dir.file("run"), "LXREG_ROOT=" + dir.file("reg")};
+    }
+    // Every line the workers of this installation logged.
+    std::string WorkerLog() const
+    {
+        return ReadAllFiles(dir.file("tmp") + "/corvanta-" + std::to_string(geteuid()));
+    }
+
+    std::unique_ptr<ChildProcess> StartWorker(const std::string& endpoint) const
+    {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{worker(), endpoint}, env());
+    }
+    // Runs the peer to its end: its exit code, with its output in `out`.
+    int RunPeer(std::vector<std::string> args, std::string* out = nullptr, const std::string& program = "") const
+    {
+        args.insert(args.begin(), {program.empty() ? peer() : program, "--quiet", "--timeout", "60"});
+        ChildProcess process(args, env());
+        const int code = process.Wait();
+        if (out)
+            *out = process.Stdout() + process.Stderr();
+        return code;
+    }
+
+    TempDir dir;
+};
+
+constexpr const char* kEndpoint = "6e0c8a5e1f3b4d2a9c7e0b1d2f3a4b5c";
+
+bool SameBytes(const std::string& a, const std::string& b)
+{
+    const std::string x = ReadFile(a);
+    const std::string y = ReadFile(b);
+    return !x.empty() && x == y;
+}
+
+} // namespace
+
+TEST(WorkerProcess, BadArgumentsEndWithMinusOneBeforeAnyIpc)
+{
+    Installation install;
+    {
+        ChildProcess none({install.worker()}, install.env());
+        EXPECT_EQ(none.Wait(), -1);
+        ChildProcess two({install.worker(), kEndpoint, kEndpoint}, install.env());
+        EXPECT_EQ(two.Wait(), -1);
+        ChildProcess bad({install.worker(), "not-a-guid"}, install.env());
+        EXPECT_EQ(bad.Wait(), -1);
+    }
+    const std::string log = install.WorkerLog();
+    EXPECT_NE(log.find("Unexpected args."), std::string::npos) << log;
+    EXPECT_NE(log.find("Unexpected ipc Endpoint: not-a-guid."), std::string::npos) << log;
+    // Nothing listened: no endpoint socket was ever made.
+    EXPECT_EQ(ReadAllFiles(install.file("run")), "");
+    EXPECT_EQ(log.find("Listening on the endpoint"), std::string::npos);
+}
+
+TEST(WorkerProcess, QuitsWithZeroWhenNobodyConnectsWithinFiveSeconds)
+{
+    Installation install;
+    auto worker = install.StartWorker(kEndpoint);
+    EXPECT_EQ(worker->Wait(std::chrono::seconds(60)), 0);
+    const std::string log = install.WorkerLog();
+    EXPECT_NE(log.find("Listening on the endpoint " + std::string(kEndpoint) + "."), std::string::npos) << log;
+    EXPECT_NE(log.find("Check the conneciton count: 0."), std::string::npos) << log;
+    EXPECT_NE(log.find("Quit for there are no connections."), std::string::npos) << log;
+    EXPECT_NE(log.find("*** LOG FILE COMPLETE ***"), std::string::npos) << log;
+}
+
+TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
+{
+    Installation install;
+    const std::string data = install.file("data.bin");
+    WritePatternFile(data, 4096);
+    mkdir(install.file("elsewhere").c_str(), 0755);
+    const std::string stranger = install.file("elsewhere/veltrane-protocol.exe");
+    const std::string otherCase = install.file("bin/Veltrane-Protocol.exe");
+    ASSERT_TRUE(CopyExecutable(TOLV_PEER_PATH, stranger));
+    ASSERT_TRUE(CopyExecutable(TOLV_PEER_PATH, otherCase));
+
+    // One worker serves all four attempts; the admitted one ends it.
+    auto worker = install.StartWorker(kEndpoint);
+    std::string out;
+    EXPECT_EQ(install.RunPeer({"--endpoint", kEndpoint, "query", "E", data}, &out, stranger), 3) << out;
+    EXPECT_NE(out.find("AccessDenied"), std::string::npos) << out;
+    EXPECT_EQ(install.RunPeer({"--endpoint", kEndpoint, "query", "E", data}, &out, otherCase), 3) << out;
+    EXPECT_EQ(install.RunPeer({"--endpoint", kEndpoint, "--stream", "tolvcommands", "query", "E", data}, &out), 3)
+        << out;
+    EXPECT_EQ(install.RunPeer({"--endpoint", kEndpoint, "query", "E", data, "release", "E"}, &out), 0) << out;
+    EXPECT_NE(out.find("drive E: " + data + ": 4096 bytes, read-only"), std::string::npos) << out;
+    EXPECT_EQ(worker->Wait(), 0);
+
+    const std::string log = install.WorkerLog();
+    EXPECT_NE(log.find("The connection from (" + stranger + ")"), std::string::npos) << log;
+    EXPECT_NE(log.find("The connection from (" + otherCase + ")"), std::string::npos) << log;
+    EXPECT_NE(log.find("Unknown connection (tolvcommands) from (pid: "), std::string::npos) << log;
+    EXPECT_NE(log.find("New connection from (pid: "), std::string::npos) << log;
+    EXPECT_NE(log.find("All channels are down."), std::string::npos) << log;
+}
+
+TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExact)
+{
+    Installation install;
+    const std::string data = install.file("data.bin");
+    const size_t size = (5u << 20) + 12345;  // not a whole number of requests
+    WritePatternFile(data, size, 7);
+    const std::string patch = install.file("patch.bin");
+    WritePatternFile(patch, 100000, 9);
+
+    std::string out;
+    ASSERT_EQ(install.RunPeer({"query", "E", data, "read", "E", "1000", "3000000", install.file("range.bin"),
+                               "write", "E", "777", patch, "read", "E", "0", "0x7fffffff", install.file("all.bin"),
+                               "release", "E", "copy-out", data, install.file("image.bin")},
+                              &out),
+              0)
+        << out;
+    const std::string original = ReadFile(data);
+    ASSERT_EQ(original.size(), size);
+    // The write landed at its offset and nowhere else.
+    std::string expected = original;
+    const std::string patchBytes = ReadFile(patch);
+    std::string before;
+    {
+        std::string pristine(size, '\0');
+        for (size_t i = 0; i < size; ++i)
+            pristine[i] = static_cast<char>(PatternByte(i, 7));
+        before = pristine;
+    }
+    expected = before;
+    expected.replace(777, patchBytes.size(), patchBytes);
+    EXPECT_TRUE(original == expected);
+    EXPECT_TRUE(ReadFile(install.file("range.bin")) == before.substr(1000, 3000000));
+    // A range past the end is clipped at the size the query recorded.
+    EXPECT_TRUE(ReadFile(install.file("all.bin")) == expected);
+    EXPECT_TRUE(SameBytes(install.file("image.bin"), data));
+    EXPECT_NE(out.find("checksum crc32"), std::string::npos) << out;
+
+    // And back: an image copied onto a file of the same size.
+    const std::string image = install.file("image2.bin");
+    WritePatternFile(image, size, 11);
+    ASSERT_EQ(install.RunPeer({"copy-in", image, data}, &out), 0) << out;
+    EXPECT_TRUE(SameBytes(image, data));
+}
+
+TEST(WorkerDrives, ErrorsNameTheStatus)
+{
+    Installation install;
+    const std::string data = install.file("data.bin");
+    WritePatternFile(data, 4096);
+    std::string out;
+    EXPECT_EQ(install.RunPeer({"query", "E", install.file("missing")}, &out), 1);
+    EXPECT_NE(out.find("STATUS_UNSUCCESSFUL"), std::string::npos) << out;
+    EXPECT_EQ(install.RunPeer({"query", "E", data, "read", "E", "4096", "10", install.file("x")}, &out), 1);
+    EXPECT_NE(out.find("STATUS_END_OF_FILE"), std::string::npos) << out;
+    EXPECT_EQ(install.RunPeer({"read", "Q", "0", "10", install.file("x")}, &out), 1);
+    EXPECT_EQ(install.RunPeer({"bogus"}, &out), 2);
+    EXPECT_NE(out.find("usage:"), std::string::npos) << out;
+}
+
+namespace {
+
+class WorkerLoop : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string reason = LoopDevicesUnavailableReason();
+        if (!reason.empty())
+            GTEST_SKIP() << "no loop devices: " << reason;
+        const std::string ns = EnterPrivateMountNamespace();
+        if (!ns.empty())
+            GTEST_SKIP() << "no private mount namespace: " << ns;
+    }
+
+    std::unique_ptr<LoopDevice> Attach(const std::string& image, size_t size, uint32_t seed)
+    {
+        WritePatternFile(image, size, seed);
+        std::string error;
+        auto device = LoopDevice::Attach(image, false, error);
+        EXPECT_TRUE(device) << error;
+        return device;
+    }
+
+    static bool Claimable(const LoopDevice& device)
+    {
+        platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+        return fd.valid();
+    }
+
+    static std::string DrivePath(const LoopDevice& device) { return "\\\\.\\" + device.name(); }
+
+    Installation install;
+};
+
+} // namespace
+
+TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)
+{
+    const size_t size = 64u << 20;
+    auto device = Attach(install.file("disk.img"), size, 3);
+    ASSERT_TRUE(device);
+    std::string error;
+    ASSERT_TRUE(device->MakeExt4(error)) << error;
+    mkdir(install.file("mnt").c_str(), 0755);
+    ASSERT_TRUE(device->Mount(install.file("mnt"), error)) << error;
+
+    std::string out;
+    ASSERT_EQ(install.RunPeer({"copy-out", DrivePath(*device), install.file("out.img")}, &out), 0) << out;
+    EXPECT_NE(out.find(std::to_string(size) + " bytes, writable"), std::string::npos) << out;
+    EXPECT_TRUE(device->MountPoints().empty());
+    EXPECT_TRUE(SameBytes(install.file("out.img"), install.file("disk.img")));
+    EXPECT_TRUE(Claimable(*device));
+
+    const std::string image = install.file("new.img");
+    WritePatternFile(image, size, 5);
+    ASSERT_EQ(install.RunPeer({"copy-in", image, DrivePath(*device)}, &out), 0) << out;
+    // What the device holds now, read past the worker.
+    std::string onDevice(size, '\0');
+    platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(fd.valid());
+    ASSERT_EQ(pread(fd.get(), onDevice.data(), size, 0), static_cast<ssize_t>(size));
+    EXPECT_TRUE(onDevice == ReadFile(image));
+    EXPECT_TRUE(Claimable(*device));
+}
+
+TEST_F(WorkerLoop, APeerKilledMidCopyLeavesNoClaimAndTheWorkerExitsZero)
+{
+    auto device = Attach(install.file("disk.img"), 64u << 20, 4);
+    ASSERT_TRUE(device);
+    // The peer writes what it reads into a pipe we stop reading, so it is
+    // certainly killed with requests in flight.
+    const std::string fifo = install.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto worker = install.StartWorker(kEndpoint);
+    ChildProcess peer({install.peer(), "--quiet", "--endpoint", kEndpoint, "query", "E", DrivePath(*device), "read",
+                       "E", "0", std::to_string(64u << 20), fifo},
+                      install.env());
+    platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(reader.valid());
+    char first[4096];
+    size_t got = 0;
+    while (got < sizeof first) {
+        const ssize_t n = read(reader.get(), first + got, sizeof first - got);
+        ASSERT_GT(n, 0);
+        got += static_cast<size_t>(n);
+    }
+    EXPECT_FALSE(Claimable(*device));  // the worker holds the drive now
+    peer.Kill(SIGKILL);
+    EXPECT_LE(peer.Wait(), -1000);
+    EXPECT_EQ(worker->Wait(), 0);
+    EXPECT_TRUE(Claimable(*device));
+    const std::string log = install.WorkerLog();
+    EXPECT_NE(log.find("Channel down (pid: "), std::string::npos) << log;
+}
+
+TEST_F(WorkerLoop, TwoPeersAtOnceEachGetTheirOwnDrives)
+{
+    const size_t size = 16u << 20;
+    auto first = Attach(install.file("a.img"), size, 21);
+    auto second = Attach(install.file("b.img"), size, 22);
+    ASSERT_TRUE(first && second);
+    const std::string fifo = install.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto worker = install.StartWorker(kEndpoint);
+    // The first peer stays connected, its reads held by the pipe, while the
+    // second copies a whole device.
+    ChildProcess one({install.peer(), "--quiet", "--endpoint", kEndpoint, "query", "E", DrivePath(*first), "read",
+                      "E", "0", std::to_string(size), fifo},
+                     install.env());
+    platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(reader.valid());
+    ChildProcess two({install.peer(), "--quiet", "--endpoint", kEndpoint, "copy-out", DrivePath(*second),
+                      install.file("b.out")},
+                     install.env());
+    EXPECT_EQ(two.Wait(), 0) << two.Stderr();
+    EXPECT_TRUE(SameBytes(install.file("b.out"), install.file("b.img")));
+    EXPECT_TRUE(Claimable(*second));
+    EXPECT_FALSE(Claimable(*first));
+
+    std::string received;
+    char buffer[65536];
+    for (ssize_t n; (n = read(reader.get(), buffer, sizeof buffer)) > 0;)
+        received.append(buffer, static_cast<size_t>(n));
+    EXPECT_EQ(one.Wait(), 0) << one.Stderr();
+    EXPECT_TRUE(received == ReadFile(install.file("a.img")));
+    EXPECT_EQ(worker->Wait(), 0);
+    EXPECT_TRUE(Claimable(*first));
+}
