@@ -14,6 +14,7 @@
 #include "peer/DriveSession.h"
 #include "peer/PeerConnection.h"
 
+#include "platform/MallocTuning.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf.h"
 
@@ -79,6 +80,7 @@ void Row(const char* what, double worker, double pread, const char* unit)
 
 int main(int argc, char** argv)
 {
+    platform::KeepLargeBlocksInTheHeap();
     std::string path = argc > 1 ? argv[1] : "";
     const uint64_t mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 256;
     const size_t randomReads = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 20000;

@@ -34,7 +34,8 @@ same "$work/source.img" "$work/copy.img" "copied out"
 head -c $((64 << 20)) /dev/urandom > "$work/new.img"
 "$peer" --quiet copy-in "$work/new.img" "$work/source.img"
 same "$work/new.img" "$work/source.img" "copied in"
-"$peer" query E "$work/source.img" read E 1000 16 - release E | od -An -tx1 | head -n 2
+"$peer" query E "$work/source.img" read E 1000 4096 "$work/range.bin" release E
+same <(tail -c +1001 "$work/source.img" | head -c 4096) "$work/range.bin" "range of 4096 bytes at 1000"
 
 if [ "$(id -u)" -eq 0 ] && [ -w /dev/loop-control ] && command -v losetup >/dev/null; then
   echo "== loop device with a mounted ext4 file system (64 MiB)"

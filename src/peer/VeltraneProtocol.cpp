@@ -8,6 +8,7 @@
 #include "peer/PeerCommandLine.h"
 #include "peer/PeerConnection.h"
 
+#include "platform/MallocTuning.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf.h"
 
@@ -299,6 +300,7 @@ private:
 
 int main(int argc, char** argv)
 {
+    platform::KeepLargeBlocksInTheHeap();
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string error;
     auto parsed = ParsePeerCommandLine(args, error);

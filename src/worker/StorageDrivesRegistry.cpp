@@ -34,7 +34,7 @@ void StorageDrivesRegistry::Erase(uint32_t pid, const std::shared_ptr<StorageDri
         removed = std::move(it->second);
         m_services.erase(it);
     }
-    removed->Uninit();
+    // The last holder's release closes whatever drives are still open.
 }
 
 void StorageDrivesRegistry::Clear()

@@ -24,7 +24,7 @@ public:
     std::shared_ptr<StorageDrives> GetOrCreate(uint32_t pid);
     // Removes the service stored under `pid` if it is `service` (a newer
     // connection's service is left alone). Null `service` removes whatever is
-    // stored. The removed service is uninitialised.
+    // stored. The service's drives close when its last holder lets go.
     void Erase(uint32_t pid, const std::shared_ptr<StorageDrives>& service = nullptr);
     // Uninitialises and removes every service (process exit).
     void Clear();

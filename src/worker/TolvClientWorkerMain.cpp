@@ -12,6 +12,7 @@
 #include "corvantabase/Poll.h"
 #include "corvantabase/Uuid.h"
 #include "log/Log.h"
+#include "platform/MallocTuning.h"
 
 #include <cstdio>
 #include <memory>
@@ -101,6 +102,7 @@ int Serve(int argc, char** argv)
 int main(int argc, char** argv)
 {
     CoreDump_SetUnhandledExceptionFilter();
+    platform::KeepLargeBlocksInTheHeap();
     int exitCode;
     {
         EnvSetup env;
