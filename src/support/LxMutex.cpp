@@ -97,7 +97,10 @@ bool LxMutex::Release()
     if (!IsValid())
         return false;
     LxMutexData& d = *m_data;
-    if (d.m_ownerThreadId.load() == static_cast<uint32_t>(gettid()) && d.m_depth.load() > 0)
-        --d.m_depth;
+    // The recorded owner with a depth above 0 is exactly the holder; anybody
+    // else is refused here rather than by the unlock call.
+    if (d.m_ownerThreadId.load() != static_cast<uint32_t>(gettid()) || d.m_depth.load() <= 0)
+        return false;
+    --d.m_depth;
     return pthread_mutex_unlock(&d.m_handle) == 0;
 }

@@ -104,13 +104,20 @@ TEST(LxMutexTest, LockOrderInversionWarnsOfAPossibleDeadlockOnce)
 // taker gets it with a warning and a fresh depth.
 TEST(LxMutexTest, AbandonedMutexIsTakenOverWithAWarning)
 {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not follow a robust mutex to its next owner";
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    GTEST_SKIP() << "ThreadSanitizer does not follow a robust mutex to its next owner";
+#endif
+#endif
     WaitableLogCapture log(LOG_LEVEL_WARN);
     LxMutex m;
     std::atomic<uint32_t> holder{0};
     std::thread([&] {
         holder = static_cast<uint32_t>(gettid());
         ASSERT_TRUE(m.Acquire());
-        ASSERT_TRUE(m.Acquire());
+        ASSERT_TRUE(m.Acquire()); // a recursive hold: the taker still starts at depth 1
     }).join();
     ASSERT_TRUE(m.Acquire());
     EXPECT_EQ(m.GetDepth(), 1);

@@ -111,7 +111,14 @@ inline size_t CountEntries(const char* dir)
 // kernel's list for a moment, so the thread count is read until it settles.
 class ResourceSnapshot {
 public:
-    ResourceSnapshot() : m_fds(CountEntries("/proc/self/fd")), m_threads(CountEntries("/proc/self/task")) {}
+    ResourceSnapshot()
+    {
+        // A sanitizer runtime starts a helper thread with the first thread
+        // the process makes; have it running before counting.
+        std::thread([] {}).join();
+        m_fds = CountEntries("/proc/self/fd");
+        m_threads = CountEntries("/proc/self/task");
+    }
 
     void Check() const
     {
@@ -123,6 +130,6 @@ public:
     }
 
 private:
-    size_t m_fds;
-    size_t m_threads;
+    size_t m_fds = 0;
+    size_t m_threads = 0;
 };
