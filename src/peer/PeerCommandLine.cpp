@@ -45,6 +45,7 @@ const char* PeerUsage()
            "  --stream NAME      command stream name (default: tolvCommands)\n"
            "  --timeout SECONDS  how long to wait for the worker and for each reply (default: 60)\n"
            "  --quiet            no progress bar\n"
+           "  --help             this text\n"
            "\n"
            "steps (L is a drive letter, A to Z):\n"
            "  query L PATH             open PATH (a file, or \\\\.\\NAME for /dev/NAME) as drive L\n"
@@ -73,7 +74,10 @@ std::optional<PeerOptions> ParsePeerCommandLine(const std::vector<std::string>& 
     for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
         const std::string& option = args[i];
         const std::string* v = nullptr;
-        if (option == "--quiet") {
+        if (option == "--help") {
+            options.help = true;
+            return options;
+        } else if (option == "--quiet") {
             options.quiet = true;
         } else if (option == "--worker") {
             if (!(v = value("--worker")))

@@ -24,6 +24,7 @@ struct PeerOptions {
     std::string streamName = "tolvCommands";
     unsigned timeoutSeconds = 60;
     bool quiet = false;
+    bool help = false;  // print the usage and do nothing else
     std::vector<PeerStep> steps;
 };
 

@@ -309,6 +309,10 @@ int main(int argc, char** argv)
         return kPeerExitUsage;
     }
     const PeerOptions& options = *parsed;
+    if (options.help) {
+        std::fputs(PeerUsage(), stdout);
+        return kPeerExitOk;
+    }
     std::signal(SIGPIPE, SIG_IGN);
 
     PeerConnection::Options connectOptions;

@@ -66,6 +66,9 @@ TEST(PeerCommandLine, StepsRunInOrderWithTheirArguments)
 
 TEST(PeerCommandLine, RefusesWhatItCannotRun)
 {
+    auto help = Parse({"--help"});
+    ASSERT_TRUE(help);
+    EXPECT_TRUE(help->help);
     EXPECT_FALSE(Parse({}));
     EXPECT_FALSE(Parse({"--quiet"}));
     EXPECT_FALSE(Parse({"query", "E"}));
