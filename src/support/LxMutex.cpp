@@ -11,6 +11,18 @@
 
 namespace {
 
+// Every acquire and release compares the owner; a system call each time would
+// dominate the cost of the logging lock.
+uint32_t CurrentThreadId()
+{
+    thread_local const uint32_t id = static_cast<uint32_t>(gettid());
+    return id;
+}
+
+} // namespace
+
+namespace {
+
 // pthread_mutex_timedlock measures against CLOCK_REALTIME.
 timespec DeadlineAfter(uint32_t ms)
 {
@@ -88,7 +100,7 @@ bool LxMutex::Acquire(uint32_t timeoutMs)
         return false;
     }
     if (++d.m_depth == 1)
-        d.m_ownerThreadId = static_cast<uint32_t>(gettid());
+        d.m_ownerThreadId = CurrentThreadId();
     return true;
 }
 
@@ -99,7 +111,7 @@ bool LxMutex::Release()
     LxMutexData& d = *m_data;
     // The recorded owner with a depth above 0 is exactly the holder; anybody
     // else is refused here rather than by the unlock call.
-    if (d.m_ownerThreadId.load() != static_cast<uint32_t>(gettid()) || d.m_depth.load() <= 0)
+    if (d.m_ownerThreadId.load() != CurrentThreadId() || d.m_depth.load() <= 0)
         return false;
     --d.m_depth;
     return pthread_mutex_unlock(&d.m_handle) == 0;
