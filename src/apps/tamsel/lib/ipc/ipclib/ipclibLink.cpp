@@ -159,6 +159,9 @@ KxIpcStatusCode KxIpclibLink::eraseStream(const std::shared_ptr<KxIpclibStream>&
         return KxIpcStatusNotFound;
     erased = std::move(it->second);
     m_streams.erase(it);
+    lock.unlock();
+    if (m_recvPaused)
+        resumeRecv();  // the stream's backlog no longer holds the link
     return KxIpcStatusSuccess;
 }
 
@@ -175,6 +178,10 @@ KxIpcStatusCode KxIpclibLink::removeStream(const std::shared_ptr<KxIpclibStream>
     removed = std::move(it->second);
     m_streams.erase(it);
     shutdownLinkWithCheck(lock);
+    if (lock.owns_lock())
+        lock.unlock();
+    if (m_recvPaused)
+        resumeRecv();  // the stream's backlog no longer holds the link
     return KxIpcStatusSuccess;
 }
 

@@ -55,6 +55,12 @@ public:
     virtual void linkError() = 0;
     virtual void linkStop(LinkLock& lock) = 0;
     virtual void performDeferredSend(LinkLock& lock) = 0;
+    // A stream has delivered enough of its backlog: a transport that stopped
+    // taking transfers because of it takes them again. Called without locks.
+    virtual void resumeRecv() {}
+    // True while the transport leaves the peer's transfers where they are
+    // because a stream has too much undelivered data.
+    bool recvPaused() const { return m_recvPaused.load(); }
 
     KxIpcStatusCode connecting();
     // Queues a message for the transport; 8 unless Connecting or Connected.
@@ -105,6 +111,8 @@ protected:
     KxIpclibStreamMap m_streams;
     uint32_t m_sendState = KxIpclibSendIdle;
     std::weak_ptr<KxIpclibLinkListener> m_linkListener;
+    // Set under m_lock; read without it by streams after they deliver.
+    std::atomic<bool> m_recvPaused{false};
 };
 
 } // namespace tamsel::ipc

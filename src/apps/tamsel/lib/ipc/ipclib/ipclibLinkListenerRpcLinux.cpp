@@ -5,6 +5,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
+#include "log/Log.h"
 #include "platform/SysCall.h"
 #include "platform/Utf.h"
 
@@ -23,6 +24,7 @@
 #include <atomic>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -175,7 +177,9 @@ KxIpcStatusCode KxIpclibLinkListenerRpcLinux::start(Flags<KxIpclibListenerFlag>,
         if (!m_wake)
             rpcStatus = SystemStatusFromErrno(errno);
         else
-            m_serverThread = std::thread([this] { serverLoop(); });
+            // Threads keep the listener alive: a call that closes it from the
+            // application's connect function must not pull it from under itself.
+            m_serverThread = std::thread([self = shared_from_this()] { self->serverLoop(); });
     }
     if (rpcStatus != kSysSuccess) {
         KXIPC_TRACE(Listener, "< rpcStatus: {}", rpcStatus);
@@ -406,7 +410,7 @@ bool KxIpclibLinkListenerRpcLinux::receiveRequest(Pending& pending)
     std::lock_guard<std::mutex> guard(m_mutex);
     m_calls.push_back(std::move(call));
     if (m_idle == 0 && m_callThreads.size() < kMaxConcurrentCalls)
-        m_callThreads.emplace_back([this] { callLoop(); });
+        m_callThreads.emplace_back([self = shared_from_this()] { self->callLoop(); });
     m_callsChanged.notify_one();
     return true;
 }
@@ -424,7 +428,12 @@ void KxIpclibLinkListenerRpcLinux::callLoop()
         m_calls.pop_front();
         ++m_busy;
         lock.unlock();
-        serveCall(call.socket.get(), call.request.data(), call.request.size(), std::move(call.clientPipe));
+        try {
+            serveCall(call.socket.get(), call.request.data(), call.request.size(), std::move(call.clientPipe));
+        } catch (const std::exception& e) {
+            // A programming error in a connect function: the caller gets no reply.
+            LOG_ERROR("KxIpclibLinkListenerRpcLinux::callLoop()", "call failed: %s", e.what());
+        }
         call.socket.reset();
         lock.lock();
         --m_busy;

@@ -203,12 +203,40 @@ KxIpcStatusCode KxIpclibLinkSharedMemLinux::recv(KxIpclibStreamMap& streamsTouch
         return status;
     }
     LinkLock lock(m_lock);
+    // Paused before the streams are looked at: a stream that delivers
+    // meanwhile either is seen below its limit here or sees the pause and
+    // resumes us.
+    m_recvPaused = true;
+    for (const auto& [id, stream] : streamsTouched)
+        if (stream->backlogged()) {
+            KXIPC_TRACE(Link, "- linkId: {:#x}, receive paused: stream {:#x} holds {} undelivered bytes", m_linkId,
+                        id, stream->undeliveredBytes());
+            return status;  // the peer's buffer stays taken until the stream catches up
+        }
+    takeNextTransfer(lock);
+    return status;
+}
+
+void KxIpclibLinkSharedMemLinux::takeNextTransfer(LinkLock&)
+{
+    m_recvPaused = false;
     if (m_recvWait && m_state != KxIpclibLinkState::Closed && m_state != KxIpclibLinkState::Error &&
         m_state != KxIpclibLinkState::ShuttingDown) {
         arm(m_recvWait);
         m_recvChannel->signalBufferFree();
     }
-    return status;
+}
+
+void KxIpclibLinkSharedMemLinux::resumeRecv()
+{
+    LinkLock lock(m_lock);
+    if (!m_recvPaused)
+        return;
+    for (const auto& [id, stream] : m_streams)
+        if (stream->backlogged())
+            return;
+    KXIPC_TRACE(Link, "- linkId: {:#x}, receive resumed", m_linkId);
+    takeNextTransfer(lock);
 }
 
 void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)

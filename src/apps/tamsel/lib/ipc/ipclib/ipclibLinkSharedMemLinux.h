@@ -52,6 +52,7 @@ public:
     void linkError() override;
     void linkStop(LinkLock& lock) override;
     void performDeferredSend(LinkLock& lock) override;
+    void resumeRecv() override;
 
     uint32_t stopReason();
 
@@ -59,6 +60,8 @@ private:
     void linkError(LinkLock& lock);
     void stopRecvWorker(LinkLock& lock);
     void onRecvReady();
+    // Frees the receive buffer for the peer's next transfer and waits for it.
+    void takeNextTransfer(LinkLock& lock);
     std::shared_ptr<tamsel::task::WtpWaitTaskContext> makeWait(int fd, void (*onSignal)(KxIpclibLinkSharedMemLinux&));
     void arm(const std::shared_ptr<tamsel::task::WtpWaitTaskContext>& wait);
     void disarm(const std::shared_ptr<tamsel::task::WtpWaitTaskContext>& wait);

@@ -486,6 +486,7 @@ void KxIpclibStream::completeConnectExistingLink(KxIpcStatusCode status, uint32_
 void KxIpclibStream::addIncomingMessage(std::shared_ptr<KxIpclibMsg> msg)
 {
     msg->setStream(shared_from_this());
+    m_undeliveredBytes += msg->size();
     m_incoming.push_back(std::move(msg));
 }
 
@@ -509,7 +510,24 @@ void KxIpclibStream::dispatch()
         m_dispatchState = 2;
         auto batch = std::move(m_incoming);
         m_incoming.clear();
+        uint64_t batchBytes = 0;
+        for (const auto& msg : batch)
+            batchBytes += msg->size();
+        auto link = m_link;
         lock.unlock();
+        // However delivery ends, the batch no longer counts as backlog, and a
+        // link that paused for it may take transfers again.
+        struct Delivered {
+            KxIpclibStream& stream;
+            uint64_t bytes;
+            const std::shared_ptr<KxIpclibLink>& link;
+            ~Delivered()
+            {
+                stream.m_undeliveredBytes -= bytes;
+                if (link && link->recvPaused())
+                    link->resumeRecv();
+            }
+        } delivered{*this, batchBytes, link};
         try {
             deliver(batch);
         } catch (...) {

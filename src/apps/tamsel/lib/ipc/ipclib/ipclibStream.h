@@ -42,6 +42,11 @@ using KxIpclibRecvFunction = std::function<void(KxIpcStatusCode, std::shared_ptr
 
 class KxIpclibStream : public std::enable_shared_from_this<KxIpclibStream> {
 public:
+    // Complete messages a stream may hold undelivered before its link stops
+    // taking the peer's transfers: a peer that sends faster than the
+    // application takes its messages waits instead of growing our memory.
+    static constexpr uint64_t kRecvBacklogBytes = 16u << 20;
+
     // The product's close time-out; tests may shorten it process-wide.
     static constexpr std::chrono::nanoseconds kCloseTimeout = std::chrono::seconds(10);
     static void setCloseTimeoutForTesting(std::chrono::nanoseconds timeout);
@@ -100,6 +105,9 @@ public:
     uint64_t msgsSent() const { return m_msgsSent.load(); }
     uint64_t msgsReceived() const { return m_msgsReceived.load(); }
     uint64_t blockBytesReceived() const { return m_blockBytesReceived.load(); }
+    // Bytes of complete received messages not yet delivered.
+    uint64_t undeliveredBytes() const { return m_undeliveredBytes.load(); }
+    bool backlogged() const { return m_undeliveredBytes.load() > kRecvBacklogBytes; }
 
 protected:
     using Lock = std::unique_lock<std::mutex>;
@@ -142,6 +150,7 @@ protected:
     bool m_onAcceptSendOpenAck = false;
 
     std::atomic<uint64_t> m_blockBytesReceived{0};
+    std::atomic<uint64_t> m_undeliveredBytes{0};
     std::atomic<uint64_t> m_bytesSent{0};
     std::atomic<uint64_t> m_bytesReceived{0};
     std::atomic<uint64_t> m_msgsSent{0};
