@@ -4,7 +4,12 @@
 #include "log/Log.h"
 #include "log/LogTestSupport.h"
 
+#include "support/LxPollItem.h"
+#include "support/LxPollThread.h"
+
 #include <gtest/gtest.h>
+
+#include <future>
 
 #include <unistd.h>
 
@@ -38,6 +43,24 @@ using LoggerTest = FileLoggerFixture;
 
 TEST_F(LoggerTest, LinesCarryThePrefixSeparatorsAndContinuations)
 {
+    // The "Logger" poll thread announces its start from its own thread; have
+    // it do so now, before there is a file, so that only this test's lines
+    // and their order are in it.
+    {
+        struct Ping final : LxPollItem {
+            Ping() : LxPollItem("test-ping", 0) {}
+            bool Run(bool) override
+            {
+                ran.set_value();
+                return false;
+            }
+            std::promise<void> ran;
+        };
+        RCPtr<Ping> ping(new Ping());
+        auto ran = ping->ran.get_future();
+        ASSERT_TRUE(LoggerManager::GetInstance()->GetPollThread()->AddItem(ping));
+        ASSERT_EQ(ran.wait_for(std::chrono::minutes(1)), std::future_status::ready);
+    }
     MakeLogger();
     Start();
     const std::string pid = Hex4(static_cast<unsigned>(getpid()));

@@ -15,7 +15,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -346,4 +349,67 @@ TEST_F(WorkerLoop, TwoPeersAtOnceEachGetTheirOwnDrives)
     EXPECT_TRUE(received == ReadFile(install.file("a.img")));
     EXPECT_EQ(worker->Wait(), 0);
     EXPECT_TRUE(Claimable(*first));
+}
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TOLV_HAS_SANITIZER 1
+#endif
+#endif
+#ifndef TOLV_HAS_SANITIZER
+#define TOLV_HAS_SANITIZER 0
+#endif
+
+namespace {
+
+uint64_t ResidentKiB(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::strtoull(line.c_str() + 6, nullptr, 10);
+    return 0;
+}
+
+} // namespace
+
+TEST(WorkerFlood, APeerThatSendsWithoutTakingRepliesCannotGrowTheWorker)
+{
+    Installation install;
+    ASSERT_TRUE(CopyExecutable(TOLV_FLOOD_PEER_PATH, install.peer()));
+    const std::string data = install.file("scratch.bin");
+    WritePatternFile(data, 4u << 20);
+    const std::string fifo = install.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+    auto worker = install.StartWorker(kEndpoint);
+    // 1 GiB of writes and 64 MiB of read replies offered to a worker whose
+    // replies the peer never takes.
+    ChildProcess flood({install.peer(), kEndpoint, data, fifo, "1024"}, install.env());
+    {
+        std::ifstream signal(fifo);
+        std::string word;
+        signal >> word;
+        ASSERT_EQ(word, "flooded") << flood.Stderr();
+    }
+    // What the worker holds cannot be watched from outside; sample its memory
+    // while the flood is offered. Unbounded, it grows by the link's speed,
+    // hundreds of MiB a second. (Sanitizer builds keep freed memory in
+    // quarantine, so their resident size says nothing here.)
+    uint64_t peakKiB = 0;
+    for (int i = 0; i < 80; ++i) {
+        peakKiB = std::max(peakKiB, ResidentKiB(worker->pid()));
+        usleep(50000);
+    }
+    EXPECT_GT(peakKiB, 0u);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !TOLV_HAS_SANITIZER
+    EXPECT_LT(peakKiB, 64u * 1024) << "worker resident set " << peakKiB << " KiB";
+#endif
+
+    // The worker, held waiting for the peer, still notices the peer's death.
+    flood.Kill(SIGKILL);
+    EXPECT_LE(flood.Wait(), -1000);
+    EXPECT_EQ(worker->Wait(), 0);
+    EXPECT_NE(install.WorkerLog().find("All channels are down."), std::string::npos);
 }
