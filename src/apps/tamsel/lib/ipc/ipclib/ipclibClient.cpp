@@ -6,6 +6,7 @@
 
 #include "platform/SysCall.h"
 #include "task/LinuxThreadPoolExecutor.h"
+#include "platform/ScmRights.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -122,16 +123,7 @@ KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<u
     rmsg.msg_control = replyControl;
     rmsg.msg_controllen = sizeof replyControl;
     const ssize_t n = platform::RetryOnEintr([&] { return ::recvmsg(sock.get(), &rmsg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT); });
-    for (cmsghdr* c = CMSG_FIRSTHDR(&rmsg); c; c = CMSG_NXTHDR(&rmsg, c)) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS || c->cmsg_len < CMSG_LEN(0))
-            continue;
-        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-            fds.emplace_back(fd);
-        }
-    }
+    platform::TakeScmRights(rmsg, fds);
     if (n <= 0)
         return KxIpcStatusStreamClosed;
     if ((rmsg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||

@@ -8,6 +8,7 @@
 #include "log/Log.h"
 #include "platform/SysCall.h"
 #include "platform/Utf.h"
+#include "platform/ScmRights.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -387,16 +388,7 @@ bool KxIpclibLinkListenerRpcLinux::receiveRequest(Pending& pending)
     if (n <= 0)
         return true;  // end of connection or error: nothing to answer
     std::vector<platform::UniqueFd> received;
-    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS || c->cmsg_len < CMSG_LEN(0))
-            continue;
-        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-            received.emplace_back(fd);
-        }
-    }
+    platform::TakeScmRights(msg, received);
     Call call{std::move(pending.socket), {}, {}};
     const bool truncated = (msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||
                            static_cast<size_t>(n) > kBootstrapMaxRequestSize;

@@ -1,6 +1,7 @@
 // A shared-memory link between this process and a real second process
 // (shmLinkPeer), with the descriptors handed over a Unix socket.
 
+#include "common/ProcessProbe.h"
 #include "LoopbackLink.h"
 #include "ShmHandOver.h"
 
@@ -33,28 +34,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr uint32_t kSection = 64 * 1024;
-
-size_t OpenDescriptors()
-{
-    size_t count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    while (dirent* entry = ::readdir(dir))
-        count += entry->d_name[0] != '.';
-    ::closedir(dir);
-    return count;
-}
-
-template <typename Pred>
-bool WaitUntil(Pred pred)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kTestDeadline;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 // Server streams echo every message back; what they received is kept per stream.
 struct EchoServer {

@@ -1,6 +1,7 @@
 // The library object, its listeners and the bootstrap, with clients in other
 // processes (rpcPeer) and hostile callers on raw sockets.
 
+#include "common/ProcessProbe.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
@@ -37,28 +38,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr uint32_t kLocal = 0x8;
-
-size_t OpenDescriptors()
-{
-    size_t count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    while (dirent* entry = ::readdir(dir))
-        count += entry->d_name[0] != '.';
-    ::closedir(dir);
-    return count;
-}
-
-template <typename Pred>
-bool WaitUntil(Pred pred)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kTestDeadline;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 _GUID NewEndpoint()
 {

@@ -2,6 +2,7 @@
 // section and events as the peer would get them, and every way a transfer
 // from an untrusted peer can be wrong.
 
+#include "common/ProcessProbe.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelSharedMemLinux.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
 
@@ -17,16 +18,6 @@
 using namespace tamsel::ipc;
 
 namespace {
-
-size_t OpenDescriptors()
-{
-    size_t count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    while (dirent* entry = ::readdir(dir))
-        count += entry->d_name[0] != '.';
-    ::closedir(dir);
-    return count;
-}
 
 std::vector<uint8_t> Random(size_t size, uint32_t seed)
 {
