@@ -99,8 +99,15 @@ void TolvClientWorkerOnConnect(std::shared_ptr<KxIpclibStream> stream)
             return;
         }
         // The receive function holds the service, so a newer connection of the
-        // same process cannot delete it under this stream's requests.
-        status = stream->accept({}, [drives](KxIpcStatusCode recvStatus, std::shared_ptr<KxIpclibMsg> msg) {
+        // same process cannot delete it under this stream's requests. A stream
+        // goes down once: an empty message forged by the peer ends its stream
+        // but cannot count the connection down a second time. (Deliveries of
+        // one stream never overlap, so the flag needs no lock.)
+        auto down = std::make_shared<bool>(false);
+        status = stream->accept({}, [drives, down](KxIpcStatusCode recvStatus, std::shared_ptr<KxIpclibMsg> msg) {
+            if (*down)
+                return;
+            *down = msg->size() == 0;
             TolvClientWorkerOnCommand(recvStatus, std::move(msg), drives);
         });
         if (status == KxIpcStatusSuccess)
