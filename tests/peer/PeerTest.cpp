@@ -34,7 +34,8 @@ std::vector<uint8_t> Reply(uint64_t ioContext, uint32_t status, const std::vecto
     header.information = payload.size() >= 4 ? payload.size() - 4 : 0;
     header.payloadLength = static_cast<uint32_t>(payload.size());
     EncodeResponseHeader(record.data(), header);
-    std::memcpy(record.data() + DR_RSP_HEADER_SIZE, payload.data(), payload.size());
+    if (!payload.empty())
+        std::memcpy(record.data() + DR_RSP_HEADER_SIZE, payload.data(), payload.size());
     return record;
 }
 
