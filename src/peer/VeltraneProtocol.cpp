@@ -66,10 +66,13 @@ void PrintThroughput(const char* what, uint64_t bytes, Clock::duration elapsed)
                 seconds > 0 ? bytes / seconds / (1 << 20) : 0.0);
 }
 
-bool WriteWhole(int fd, const uint8_t* data, size_t size)
+// Moves `size` bytes with read or write, however many calls it takes; false
+// on an error or an early end of file.
+template <typename Byte, typename Call>
+bool Whole(Call call, int fd, Byte* data, size_t size)
 {
     while (size > 0) {
-        const ssize_t n = write(fd, data, size);
+        const ssize_t n = call(fd, data, size);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -80,18 +83,14 @@ bool WriteWhole(int fd, const uint8_t* data, size_t size)
     return true;
 }
 
+bool WriteWhole(int fd, const uint8_t* data, size_t size)
+{
+    return Whole(::write, fd, data, size);
+}
+
 bool ReadWhole(int fd, uint8_t* data, size_t size)
 {
-    while (size > 0) {
-        const ssize_t n = read(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+    return Whole(::read, fd, data, size);
 }
 
 // The CRC-32 of a whole local file, read back from the disk.

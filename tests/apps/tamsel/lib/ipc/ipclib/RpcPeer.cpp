@@ -39,30 +39,6 @@ bool ParseGuid(const char* text, _GUID& g)
     return true;
 }
 
-struct Echoes {
-    std::mutex lock;
-    std::condition_variable changed;
-    uint32_t received = 0;
-    uint32_t wrong = 0;
-    bool ended = false;
-};
-
-KxIpclibRecvFunction Checker(Echoes& e, uint32_t stream, const std::vector<uint32_t>& sizes)
-{
-    return [&e, stream, &sizes](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-        std::lock_guard<std::mutex> guard(e.lock);
-        if (msg->size() == 0) {
-            e.ended = true;
-        } else {
-            const auto want = PatternMessage(stream, e.received, sizes[e.received % sizes.size()]);
-            if (msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0)
-                ++e.wrong;
-            ++e.received;
-        }
-        e.changed.notify_all();
-    };
-}
-
 int Echo(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc)
 {
     const std::vector<uint32_t> sizes = {1, 100, 5000, 70000};

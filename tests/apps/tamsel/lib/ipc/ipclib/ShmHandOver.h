@@ -4,12 +4,16 @@
 // processes check.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
 
 #include <sys/socket.h>
 
 #include <array>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 namespace tamsel::ipc::testing {
@@ -82,6 +86,32 @@ inline std::vector<uint8_t> PatternMessage(uint32_t stream, uint32_t index, uint
 inline std::vector<uint32_t> MessageSizes(uint32_t section)
 {
     return {1, 2, 63, 64, 1000, section - 28 - 40, section - 28 - 39, section, section + 1, 3 * section + 17};
+}
+
+// What one stream of a peer has received of the pattern messages.
+struct Echoes {
+    std::mutex lock;
+    std::condition_variable changed;
+    uint32_t received = 0;
+    uint32_t wrong = 0;
+    bool ended = false;
+};
+
+// A receive function that checks message `index` of `stream` against the pattern.
+inline KxIpclibRecvFunction Checker(Echoes& e, uint32_t stream, const std::vector<uint32_t>& sizes)
+{
+    return [&e, stream, &sizes](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+        std::lock_guard<std::mutex> guard(e.lock);
+        if (msg->size() == 0) {
+            e.ended = true;
+        } else {
+            const auto want = PatternMessage(stream, e.received, sizes[e.received % sizes.size()]);
+            if (msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0)
+                ++e.wrong;
+            ++e.received;
+        }
+        e.changed.notify_all();
+    };
 }
 
 } // namespace tamsel::ipc::testing

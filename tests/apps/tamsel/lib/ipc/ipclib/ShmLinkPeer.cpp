@@ -29,14 +29,6 @@ namespace {
 
 constexpr uint32_t kStreams = 3;
 
-struct Echoes {
-    std::mutex lock;
-    std::condition_variable changed;
-    uint32_t received = 0;
-    uint32_t wrong = 0;
-    bool ended = false;
-};
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -75,18 +67,7 @@ int main(int argc, char** argv)
         Echoes& e = echoes[s];
         auto opened = KxIpclibStream::open(
             link, executor, u"tolvCommands", Flags<KxIpclibStreamFlag>(),
-            [&e, &sizes, s](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-                std::lock_guard<std::mutex> guard(e.lock);
-                if (msg->size() == 0) {
-                    e.ended = true;
-                } else {
-                    const auto want = PatternMessage(s, e.received, sizes[e.received % sizes.size()]);
-                    if (msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0)
-                        ++e.wrong;
-                    ++e.received;
-                }
-                e.changed.notify_all();
-            },
+            Checker(e, s, sizes),
             std::chrono::seconds(30));
         if (!opened)
             return 2;
