@@ -17,6 +17,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -515,7 +516,11 @@ bool FileWriter::FindLogFiles()
     }
     if (!m_scanStarted) {
         m_scanStarted = true;
-        m_scanStart = time(nullptr);
+        // The precise clock: time() reads a coarse one that can lag the
+        // last-write times the file system has just stored.
+        struct timespec now {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        m_scanStart = now.tv_sec;
         const std::string pattern = BuildFileName(0);
         m_iterator = MakeRC<DirectoryIterator>(folder, pattern);
         LOG_INFO(function, "Scanning \"%s\"", JoinPath(folder, pattern).c_str());
