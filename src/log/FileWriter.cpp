@@ -7,6 +7,7 @@
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
 #include "log/LoggingLock.h"
+#include "log/WriterProperty.h"
 #include "support/DurationText.h"
 #include "support/LxMutexLock.h"
 #include "support/LxPollThread.h"
@@ -34,22 +35,6 @@ constexpr int64_t kMaxSaneAge = 864000000;
 constexpr const char* kStars = "*******";
 constexpr const char* kBorder = "******************************************************************************\n";
 constexpr const char* kNewSession = "************************   NEW LOG SESSION STARTING   ************************\n";
-
-bool NameIs(const std::string& name, const char* expected)
-{
-    return strcasecmp(name.c_str(), expected) == 0;
-}
-
-bool ParseUnsigned(const std::string& text, uint32_t& value)
-{
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long parsed = strtoull(text.c_str(), &end, 0);
-    if (end == text.c_str() || errno != 0)
-        return false;
-    value = static_cast<uint32_t>(parsed);
-    return true;
-}
 
 bool DefaultFreeSpace(const std::string& folder, uint64_t& freeBytes)
 {
@@ -173,34 +158,35 @@ bool FileWriter::SetProperty(const std::string& name, const std::string& value)
 {
     LxMutexLock guard(LoggingLock());
     uint32_t number = 0;
-    const bool isNumber = ParseUnsigned(value, number);
-    if (NameIs(name, "filename")) {
+    const bool isNumber = ParseUnsignedProperty(value, number);
+    if (PropertyNameIs(name, "filename")) {
         if (!m_file)
             m_fileName = value;
-    } else if (NameIs(name, "folderPath")) {
+    } else if (PropertyNameIs(name, "folderPath")) {
         if (!m_file)
             m_folderPath = value;
-    } else if (NameIs(name, "maxDaysKept") || NameIs(name, "maxNumFiles") || NameIs(name, "minAgeInHours")) {
+    } else if (PropertyNameIs(name, "maxDaysKept") || PropertyNameIs(name, "maxNumFiles") ||
+               PropertyNameIs(name, "minAgeInHours")) {
         if (isNumber) {
-            auto& field = NameIs(name, "maxDaysKept")   ? m_maxDaysKept
-                          : NameIs(name, "maxNumFiles") ? m_maxNumFiles
-                                                        : m_minAgeInHours;
+            auto& field = PropertyNameIs(name, "maxDaysKept")   ? m_maxDaysKept
+                          : PropertyNameIs(name, "maxNumFiles") ? m_maxNumFiles
+                                                                : m_minAgeInHours;
             field.store(number);
             m_deleteEvent.Set(); // a running scan starts afresh with the new limits
         }
-    } else if (NameIs(name, "maxFileSizeMB")) {
+    } else if (PropertyNameIs(name, "maxFileSizeMB")) {
         if (isNumber)
             m_maxFileSizeMB.store(number <= 1024 || number == kUnsetFileSize ? number : 1024);
-    } else if (NameIs(name, "maxRollingFiles")) {
+    } else if (PropertyNameIs(name, "maxRollingFiles")) {
         if (isNumber)
             m_maxRollingFiles.store(std::min<uint32_t>(number, 1000));
-    } else if (NameIs(name, "diskThresholdLowMB")) {
+    } else if (PropertyNameIs(name, "diskThresholdLowMB")) {
         if (isNumber) {
             if (number < m_diskThresholdLowMB.load())
                 m_recheckDisk.store(true);
             m_diskThresholdLowMB.store(number);
         }
-    } else if (NameIs(name, "diskThresholdHighMB")) {
+    } else if (PropertyNameIs(name, "diskThresholdHighMB")) {
         if (isNumber)
             m_diskThresholdHighMB.store(number);
     } else {
@@ -212,23 +198,23 @@ bool FileWriter::SetProperty(const std::string& name, const std::string& value)
 bool FileWriter::GetProperty(const std::string& name, std::string& value)
 {
     LxMutexLock guard(LoggingLock());
-    if (NameIs(name, "filename"))
+    if (PropertyNameIs(name, "filename"))
         value = m_fileName;
-    else if (NameIs(name, "folderPath"))
+    else if (PropertyNameIs(name, "folderPath"))
         value = m_folderPath;
-    else if (NameIs(name, "maxDaysKept"))
+    else if (PropertyNameIs(name, "maxDaysKept"))
         value = std::to_string(m_maxDaysKept.load());
-    else if (NameIs(name, "maxNumFiles"))
+    else if (PropertyNameIs(name, "maxNumFiles"))
         value = std::to_string(m_maxNumFiles.load());
-    else if (NameIs(name, "minAgeInHours"))
+    else if (PropertyNameIs(name, "minAgeInHours"))
         value = std::to_string(m_minAgeInHours.load());
-    else if (NameIs(name, "maxFileSizeMB"))
+    else if (PropertyNameIs(name, "maxFileSizeMB"))
         value = std::to_string(m_maxFileSizeMB.load());
-    else if (NameIs(name, "maxRollingFiles"))
+    else if (PropertyNameIs(name, "maxRollingFiles"))
         value = std::to_string(m_maxRollingFiles.load());
-    else if (NameIs(name, "diskThresholdLowMB"))
+    else if (PropertyNameIs(name, "diskThresholdLowMB"))
         value = std::to_string(m_diskThresholdLowMB.load());
-    else if (NameIs(name, "diskThresholdHighMB"))
+    else if (PropertyNameIs(name, "diskThresholdHighMB"))
         value = std::to_string(m_diskThresholdHighMB.load());
     else
         return false;

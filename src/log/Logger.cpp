@@ -1,6 +1,11 @@
 #include "log/Logger.h"
 
+#include "log/DebugWriter.h"
 #include "log/FileWriter.h"
+#include "log/ProxyWriter.h"
+#include "log/SocketWriter.h"
+#include "log/StdErrWriter.h"
+#include "log/StdOutWriter.h"
 #include "log/LogLevel.h"
 #include "log/LogSink.h"
 #include "log/LogSystemInfo.h"
@@ -59,11 +64,25 @@ RCPtr<LogWriter> Logger::GetWriter(int32_t type)
         return it->second;
     RCPtr<LogWriter> writer;
     switch (type) {
+    case LogWriter::kDebugWriter:
+        writer = MakeRC<DebugWriter>();
+        break;
     case LogWriter::kFileWriter:
         writer = MakeRC<FileWriter>();
         break;
+    case LogWriter::kProxyWriter:
+        writer = MakeRC<ProxyWriter>(); // the host sets its target
+        break;
+    case LogWriter::kSocketWriter:
+        writer = MakeRC<SocketWriter>();
+        break;
+    case LogWriter::kStdOutWriter:
+        writer = MakeRC<StdOutWriter>();
+        break;
+    case LogWriter::kStdErrWriter:
+        writer = MakeRC<StdErrWriter>();
+        break;
     default:
-        // The debugger, console, socket and proxy writers are not in this build.
         return {};
     }
     writer->SetLogger(this);

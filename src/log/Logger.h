@@ -32,8 +32,8 @@ public:
     bool AddRegistrySettings(const std::string& keyPath, LogRegistryRoot root);
     const std::vector<std::string>& GetSettingsLocations() const { return m_settingsLocations; }
 
-    // The writer of `type`, made when there is none yet; null for a type this
-    // build does not have.
+    // The writer of `type` (LogWriter::Type), made when there is none yet;
+    // null for an unknown type.
     RCPtr<LogWriter> GetWriter(int32_t type);
     RCPtr<LogWriter> FindWriter(int32_t type);
 

@@ -1,0 +1,9 @@
+#include "log/StdErrWriter.h"
+
+#include "log/ConsoleText.h"
+
+bool StdErrWriter::WriteMessage(const RCPtr<LogMessage>& message)
+{
+    WriteConsoleText(stderr, message->GetText(), message->GetLength());
+    return true;
+}

@@ -1,0 +1,9 @@
+#include "log/StdOutWriter.h"
+
+#include "log/ConsoleText.h"
+
+bool StdOutWriter::WriteMessage(const RCPtr<LogMessage>& message)
+{
+    WriteConsoleText(stdout, message->GetText(), message->GetLength());
+    return true;
+}
