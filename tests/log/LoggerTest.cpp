@@ -293,21 +293,36 @@ TEST_F(LoggerTest, FunctionTraceWritesEnterAndExit)
 
 TEST_F(LoggerTest, ManagerShutdownCompletesEveryFileAndClearsTheLevel)
 {
-    MakeLogger();
-    Start();
-    const std::string path = writer->GetFilePath();
-    Log("F()", LOG_LEVEL_INFO, "last words");
-    LoggerManager::GetInstance()->Shutdown();
-    EXPECT_TRUE(LoggerManager::GetInstance()->IsShuttingDown());
-    EXPECT_FALSE(LoggerManager::GetInstance()->GetDefaultLogger());
-    EXPECT_EQ(CurrentLogLevel.load(), LOG_LEVEL_ALWAYS);
-    EXPECT_FALSE(LoggerManager::GetInstance()->FindLogger(logger->GetName()));
-    const std::string text = ReadWholeFile(path);
-    EXPECT_NE(text.find("I F(): last words\n"), std::string::npos);
-    EXPECT_EQ(text.substr(text.size() - 26), "*** LOG FILE COMPLETE ***\n");
-    // Later calls find no writer and do nothing.
-    Log("F()", LOG_LEVEL_ALWAYS, "after shutdown");
-    EXPECT_EQ(ReadWholeFile(path), text);
+    // The manager stays shut down for the rest of its process, so this runs
+    // in a child of its own, which exits 0 when every expectation held.
+    auto shutDownAndCheck = [this] {
+        int failures = 0;
+        auto check = [&](bool held, const char* what) {
+            if (!held) {
+                fprintf(stderr, "failed: %s\n", what);
+                ++failures;
+            }
+        };
+        MakeLogger();
+        Start();
+        const std::string path = writer->GetFilePath();
+        Log("F()", LOG_LEVEL_INFO, "last words");
+        LoggerManager::GetInstance()->Shutdown();
+        check(LoggerManager::GetInstance()->IsShuttingDown(), "shutting down");
+        check(!LoggerManager::GetInstance()->GetDefaultLogger(), "no default logger");
+        check(CurrentLogLevel.load() == LOG_LEVEL_ALWAYS, "level back to ALWAYS");
+        check(!LoggerManager::GetInstance()->FindLogger(logger->GetName()), "logger gone");
+        const std::string text = ReadWholeFile(path);
+        check(text.find("I F(): last words\n") != std::string::npos, "last words written");
+        check(text.size() >= 26 && text.substr(text.size() - 26) == "*** LOG FILE COMPLETE ***\n", "footer last");
+        // Later calls find no writer and do nothing.
+        Log("F()", LOG_LEVEL_ALWAYS, "after shutdown");
+        check(ReadWholeFile(path) == text, "nothing after shutdown");
+        fflush(stderr);
+        _exit(failures == 0 ? 0 : 1);
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(shutDownAndCheck(), ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace
