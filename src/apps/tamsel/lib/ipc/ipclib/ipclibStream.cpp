@@ -381,6 +381,7 @@ KxIpcStatusCode KxIpclibStream::connectedInit()
         m_state = KxIpclibStreamState::Closed;
         return KxIpcStatusUnexpected;
     }
+    m_executorHold = executor;
     m_dispatchTask = tamsel::task::CreateWorkTask<void(std::shared_ptr<KxIpclibStream>)>(
         executor, [](std::shared_ptr<KxIpclibStream> stream) { stream->dispatch(); });
     if (!m_dispatchTask) {

@@ -171,6 +171,11 @@ protected:
     std::list<Waiter*> m_waiters;  // guarded by m_waitersMutex
     std::atomic<bool> m_hasWaiters{false};
 
+    // Held from the first task on: the executor must never go inside one of
+    // this stream's callbacks (a link released there may hold its last
+    // reference), as it waits for every task still held, this one too.
+    // Declared before the tasks, so it goes after them.
+    std::shared_ptr<tamsel::task::TaskExecutor> m_executorHold;
     tamsel::task::WorkTask<void(std::shared_ptr<KxIpclibStream>)> m_dispatchTask;
     std::shared_ptr<tamsel::task::WtpTimerTaskContext> m_closeTimer;
     uint32_t m_dispatchState = 0;  // 0 idle, 1 queued, 2 running

@@ -308,6 +308,7 @@ TEST_F(ShmLinkByHand, ThePeerClosingItsPipeFailsTheLinkWithoutAnswer)
 TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)
 {
     ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+    const size_t descriptors = OpenDescriptors();
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"x", 1, nullptr, nullptr, kSection,
                                                              platform::UniqueFd(), platform::UniqueFd());
@@ -318,4 +319,9 @@ TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)
     EXPECT_EQ(link->start(executor, out), KxIpcStatusUnexpected);
     EXPECT_EQ(log.CountContaining("Error: peer handle or pipe not found"), 1u);
     link->close();
+    // Nothing of the failed link outlives it: no section, event or executor.
+    link.reset();
+    executor.reset();
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() == descriptors; }))
+        << OpenDescriptors() << " descriptors open, " << descriptors << " before";
 }
