@@ -3,9 +3,11 @@
 #include "log/DebugWriter.h"
 #include "log/FileWriter.h"
 #include "log/ProxyWriter.h"
+#include "log/RegSettingsReader.h"
 #include "log/SocketWriter.h"
 #include "log/StdErrWriter.h"
 #include "log/StdOutWriter.h"
+#include "log/Log.h"
 #include "log/LogLevel.h"
 #include "log/LogSink.h"
 #include "log/LogSystemInfo.h"
@@ -14,7 +16,9 @@
 #include "platform/ErrnoText.h"
 #include "support/LxMutexLock.h"
 
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -35,6 +39,8 @@ Logger::Logger(std::string name, std::string appName, RCPtr<LogMessageManager> m
 
 Logger::~Logger()
 {
+    for (auto& reader : m_settingsReaders)
+        reader->Stop();
     for (auto& entry : m_writers)
         entry.second->SetLogger(nullptr);
 }
@@ -44,8 +50,11 @@ bool Logger::AddRegistrySettings(const std::string& keyPath, LogRegistryRoot roo
     const char* prefix = root == HKEY_LOCAL_MACHINE ? "HKLM\\" : root == HKEY_CURRENT_USER ? "HKCU\\" : nullptr;
     if (!prefix || keyPath.empty())
         return false;
+    // Made outside the lock: the reader starts watching on the poll thread.
+    auto reader = MakeRC<RegSettingsReader>(this, prefix + keyPath);
     LxMutexLock guard(LoggingLock());
     m_settingsLocations.push_back(prefix + keyPath);
+    m_settingsReaders.push_back(RCPtr<SettingsReader>(reader));
     return true;
 }
 
@@ -90,6 +99,127 @@ RCPtr<LogWriter> Logger::GetWriter(int32_t type)
     return writer;
 }
 
+namespace {
+const char* OnOff(bool value)
+{
+    return value ? "TRUE" : "FALSE";
+}
+
+// The change messages go through the front end at level 0, named after the
+// reader, so they reach the writers only while the logger runs.
+void ChangeMessage(SettingsReader& reader, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void ChangeMessage(SettingsReader& reader, const char* format, ...)
+{
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    ::Log(reader.GetName().c_str(), LOG_LEVEL_ALWAYS, "%s", text);
+}
+} // namespace
+
+RCPtr<LogWriter> Logger::ApplyWriterSwitch(SettingsReader& reader, int32_t type, const char* group,
+                                           const char* switchName)
+{
+    RCPtr<LogWriter> writer = FindWriter(type);
+    if (!writer && !m_neverStarted)
+        return {}; // no writer is made once the logger has started
+    bool on = false;
+    if (!reader.ReadBool(switchName, on))
+        return writer;
+    if (on && !writer)
+        writer = GetWriter(type);
+    if (writer && writer->IsEnabled() != on) {
+        // The message reaches the writer either way: on before it, off after.
+        if (on)
+            writer->SetEnabled(true);
+        if (IsStarted())
+            ChangeMessage(reader, "%s - %s changed to %s", group, switchName, OnOff(on));
+        if (!on)
+            writer->SetEnabled(false);
+    }
+    return writer;
+}
+
+void Logger::ApplySettings(SettingsReader& reader)
+{
+    LxMutexLock guard(LoggingLock());
+    const bool started = IsStarted();
+
+    // General.
+    m_levelSource = reader.GetLocation("logLevel");
+    std::string text;
+    int32_t level = -1;
+    if (reader.ReadString("logLevel", text)) {
+        const int32_t parsed = ParseLogLevel(text, LOG_LEVEL_NEVER);
+        if (parsed != LOG_LEVEL_NEVER || started)
+            level = parsed;
+    } else if (started) {
+        level = LOG_LEVEL_INFO;
+    }
+    if (level >= 0 && level != GetLevel()) {
+        SetLevel(level);
+        ChangeMessage(reader, "%s changed to %s", "logLevel", GetLevelName(level));
+    }
+    bool flag = true;
+    if ((reader.ReadBool("useLocalTime", flag) || started) && flag != UsesLocalTime()) {
+        SetUseLocalTime(flag);
+        ChangeMessage(reader, "%s changed to %s", "useLocalTime", OnOff(flag));
+    }
+    flag = true;
+    if (reader.ReadBool("enableBuffering", flag) || started) {
+        for (auto& entry : m_writers) {
+            if (entry.second->IsBufferingEnabled() != flag) {
+                entry.second->SetBufferingEnabled(flag);
+                ChangeMessage(reader, "%s changed to %s", "enableBuffering", OnOff(flag));
+            }
+        }
+    }
+
+    // FILE.
+    if (RCPtr<LogWriter> file = ApplyWriterSwitch(reader, LogWriter::kFileWriter, "FILE", "logEnabled")) {
+        if (!started && reader.ReadString("logDirectory", text))
+            file->SetProperty("folderPath", text);
+        static const struct {
+            const char* setting;
+            const char* property;
+        } kLimits[] = {
+            {"logMaxDaysKept", "maxDaysKept"},
+            {"logMaxNumFiles", "maxNumFiles"},
+            {"logMinAgeInHours", "minAgeInHours"},
+            {"logMaxFileSizeMB", "maxFileSizeMB"},
+            {"logMaxRollingFiles", "maxRollingFiles"},
+            {"logDiskThresholdLowMB", "diskThresholdLowMB"},
+            {"logDiskThresholdHighMB", "diskThresholdHighMB"},
+        };
+        for (const auto& limit : kLimits) {
+            uint32_t wanted = 0;
+            if (!reader.ReadUInt32(limit.setting, wanted))
+                continue;
+            std::string current;
+            file->GetProperty(limit.property, current);
+            if (strtoul(current.c_str(), nullptr, 0) == wanted)
+                continue;
+            if (file->SetProperty(limit.property, std::to_string(wanted)) && started)
+                ChangeMessage(reader, "FILE - %s changed to %u", limit.setting, wanted);
+        }
+    }
+
+    // SOCKET: the address and port only before the first start, silently.
+    if (RCPtr<LogWriter> socket = ApplyWriterSwitch(reader, LogWriter::kSocketWriter, "SOCKET", "logToSyslog")) {
+        uint32_t port = 0;
+        if (!started && reader.ReadString("logRemoteAddress", text))
+            socket->SetProperty("remoteAddress", text);
+        if (!started && reader.ReadUInt32("logRemotePort", port))
+            socket->SetProperty("remotePort", std::to_string(port));
+    }
+
+    ApplyWriterSwitch(reader, LogWriter::kDebugWriter, "DEBUG", "logToDebugView");
+    ApplyWriterSwitch(reader, LogWriter::kStdOutWriter, "STDOUT", "logToStdout");
+    ApplyWriterSwitch(reader, LogWriter::kStdErrWriter, "STDERR", "logToStderr");
+}
+
 void Logger::SetLevel(int32_t level)
 {
     LxMutexLock guard(LoggingLock());
@@ -114,7 +244,8 @@ bool Logger::Start()
     LxMutexLock guard(LoggingLock());
     if (m_started.load())
         return true;
-    // The settings readers of m_settingsLocations are applied here once they exist.
+    for (auto& reader : m_settingsReaders)
+        ApplySettings(*reader);
     if (m_writers.empty())
         return false;
     int started = 0;
@@ -132,10 +263,18 @@ bool Logger::Start()
 void Logger::Shutdown()
 {
     std::map<int32_t, RCPtr<LogWriter>> writers;
+    std::vector<RCPtr<SettingsReader>> readers;
+    {
+        LxMutexLock guard(LoggingLock());
+        readers.swap(m_settingsReaders);
+        m_settingsLocations.clear();
+    }
+    // First the readers: a change seen now would apply to writers going away.
+    for (auto& reader : readers)
+        reader->Stop();
     {
         LxMutexLock guard(LoggingLock());
         writers.swap(m_writers);
-        m_settingsLocations.clear();
     }
     // Outside the lock: a writer waits for its drain on the poll thread.
     for (auto& entry : writers) {

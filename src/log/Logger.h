@@ -11,6 +11,7 @@
 #include "log/LogMessageManager.h"
 #include "log/LogRegistryRoot.h"
 #include "log/LogWriter.h"
+#include "log/SettingsReader.h"
 #include "support/RCObject.h"
 #include "support/RCPtr.h"
 
@@ -28,8 +29,13 @@ public:
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
 
-    // Records the settings location "HKLM\\<keyPath>" or "HKCU\\<keyPath>".
+    // Reads and watches the settings under "HKLM\\<keyPath>" or
+    // "HKCU\\<keyPath>" from now on; they are applied at Start and on every
+    // change. Call without the logging lock.
     bool AddRegistrySettings(const std::string& keyPath, LogRegistryRoot root);
+    // Applies every setting `reader` has, in the order general, FILE, SOCKET,
+    // DEBUG, STDOUT, STDERR. Takes the logging lock.
+    void ApplySettings(SettingsReader& reader);
     const std::vector<std::string>& GetSettingsLocations() const { return m_settingsLocations; }
 
     // The writer of `type` (LogWriter::Type), made when there is none yet;
@@ -71,8 +77,13 @@ private:
     template <typename Fill>
     void FanOut(const char* functionName, int32_t level, Fill&& fill);
 
+    // One writer group of ApplySettings: the on/off switch, then the rest.
+    RCPtr<LogWriter> ApplyWriterSwitch(SettingsReader& reader, int32_t type, const char* group,
+                                       const char* switchName);
+
     std::map<int32_t, RCPtr<LogWriter>> m_writers;
     std::vector<std::string> m_settingsLocations;
+    std::vector<RCPtr<SettingsReader>> m_settingsReaders;
     const std::string m_name;
     const std::string m_appName;
     std::atomic<int32_t> m_level{3};

@@ -1,0 +1,274 @@
+#include "common/LogCapture.h"
+#include "common/TempDir.h"
+#include "support/LxPolicyValue.h"
+#include "support/LxPolicyWatcher.h"
+#include "support/LxPollThread.h"
+#include "support/LxRegKey.h"
+#include "support/LxRegKeyWatcher.h"
+#include "support/LxRegValue.h"
+#include "support/LxRegValueWatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A settings store of its own: $LXREG_ROOT points at a private folder while
+// the test runs.
+class LxRegistryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char* saved = getenv("LXREG_ROOT");
+        m_hadRoot = saved != nullptr;
+        m_savedRoot = saved ? saved : "";
+        setenv("LXREG_ROOT", store.path().c_str(), 1);
+    }
+    void TearDown() override
+    {
+        if (m_hadRoot)
+            setenv("LXREG_ROOT", m_savedRoot.c_str(), 1);
+        else
+            unsetenv("LXREG_ROOT");
+    }
+
+    // Writes a value, making its key's folders; `key` as "HKLM/Software/...".
+    void Put(const std::string& key, const std::string& name, const std::string& text)
+    {
+        fs::create_directories(store.path() + "/" + key);
+        // Written aside and renamed: a watcher never reads half a value.
+        const std::string path = store.path() + "/" + key + "/" + name;
+        {
+            std::ofstream out(path + ".new", std::ios::binary);
+            out << text;
+        }
+        fs::rename(path + ".new", path);
+    }
+    void Remove(const std::string& key, const std::string& name)
+    {
+        fs::remove(store.path() + "/" + key + "/" + name);
+    }
+
+    TempDir store;
+
+private:
+    bool m_hadRoot = false;
+    std::string m_savedRoot;
+};
+
+// Counts callbacks and lets the test wait for the next one.
+struct Signal {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+    void Raise()
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        ++count;
+        changed.notify_all();
+    }
+    bool WaitFor(int wanted)
+    {
+        std::unique_lock<std::mutex> guard(mutex);
+        return changed.wait_for(guard, std::chrono::seconds(60), [&] { return count >= wanted; });
+    }
+};
+
+TEST_F(LxRegistryTest, LocationsOpenTheSameKeyWhateverTheirSpellingAndBadOnesSayWhy)
+{
+    fs::create_directories(store.path() + "/HKLM/Software/Corvanta/Veltrane");
+    LxRegKey longForm("HKEY_LOCAL_MACHINE\\Software\\Corvanta\\Veltrane");
+    LxRegKey shortForm("hklm/SOFTWARE/corvanta/VELTRANE");
+    ASSERT_EQ(longForm.OpenKey(), 0u);
+    ASSERT_EQ(shortForm.OpenKey(), 0u);
+    EXPECT_EQ(longForm.GetPath(), shortForm.GetPath());
+    EXPECT_EQ(longForm.GetPath(), store.path() + "/HKLM/Software/Corvanta/Veltrane");
+
+    ScopedLogCapture log(LOG_LEVEL_WARN);
+    LxRegKey unknownRoot("HKXX\\Software");
+    EXPECT_EQ(unknownRoot.OpenKey(), LxRegKey::kErrorBadFormat);
+    EXPECT_EQ(log.Count("Invalid root key \"HKXX\\Software\"", "LxRegKey::OpenKey()"), 1u);
+    EXPECT_EQ(LxRegKey("").OpenKey(), LxRegKey::kErrorBadFormat);
+    EXPECT_EQ(LxRegKey("HKLM").OpenKey(), LxRegKey::kErrorBadFormat);
+    EXPECT_EQ(LxRegKey("HKLM\\Software\\..\\..\\etc").OpenKey(), LxRegKey::kErrorBadFormat);
+    const size_t before = log.Lines().size();
+    EXPECT_EQ(LxRegKey("HKLM\\Software\\Missing").OpenKey(), LxRegKey::kErrorNotFound);
+    EXPECT_EQ(log.Lines().size(), before); // a missing key is no error
+}
+
+TEST_F(LxRegistryTest, ValuesTakeTheirTypeFromTheirTextAndReportOnlyRealChanges)
+{
+    auto key = MakeRC<LxRegKey>("HKLM\\Software\\Test");
+    LxRegValue value(key, "Setting");
+    EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));  // absent, and absent before
+    EXPECT_FALSE(value.Exists());
+
+    Put("HKLM/Software/Test", "SETTING", "42\n");  // names match without regard to case
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_EQ(value.GetType(), LxRegValue::REG_DWORD);
+    EXPECT_EQ(value.GetData(), (std::vector<uint8_t>{42, 0, 0, 0}));
+    EXPECT_EQ(value.AsString(), "42");
+    Put("HKLM/Software/Test", "SETTING", "0x2a");  // the same number: the same bytes
+    EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
+    Put("HKLM/Software/Test", "SETTING", "42 ");   // now text
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_EQ(value.GetType(), LxRegValue::REG_SZ);
+    uint32_t number = 0;
+    EXPECT_TRUE(value.AsUInt32(number));
+    EXPECT_EQ(number, 42u);
+
+    Put("HKLM/Software/Test", "SETTING", "0x100000000");
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_EQ(value.GetType(), LxRegValue::REG_QWORD);
+    EXPECT_EQ(value.AsString(), "4294967296");
+    Put("HKLM/Software/Test", "SETTING", "one\ntwo\n");
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_EQ(value.GetType(), LxRegValue::REG_MULTI_SZ);
+    EXPECT_EQ(value.AsString(), "one,two");
+    EXPECT_FALSE(value.AsUInt32(number));
+
+    Remove("HKLM/Software/Test", "SETTING");
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_FALSE(value.Exists());
+    EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
+
+    // A folder or an oversized file is no value.
+    fs::create_directories(store.path() + "/HKLM/Software/Test/Setting");
+    EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
+    fs::remove(store.path() + "/HKLM/Software/Test/Setting");
+    Put("HKLM/Software/Test", "Setting", std::string(LxRegValue::kMaxSize + 1, 'x'));
+    EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_FALSE(value.Exists());
+}
+
+TEST_F(LxRegistryTest, BooleansFollowTheirTypes)
+{
+    auto key = MakeRC<LxRegKey>("HKLM\\Software\\Bools");
+    auto boolOf = [&](const std::string& text) {
+        Put("HKLM/Software/Bools", "v", text);
+        LxRegValue value(key, "v");
+        value.Load(LOG_LEVEL_VERBOSE);
+        return value.AsBool(true) ? 1 : 0;
+    };
+    EXPECT_EQ(boolOf("TRUE"), 1);
+    EXPECT_EQ(boolOf("Yes"), 1);
+    EXPECT_EQ(boolOf("no"), 0);
+    EXPECT_EQ(boolOf("False"), 0);
+    EXPECT_EQ(boolOf("maybe"), 1);  // unrecognised text: the default
+    EXPECT_EQ(boolOf("0"), 0);      // a number
+    EXPECT_EQ(boolOf("7"), 1);
+    LxRegValue absent(key, "absent");
+    absent.Load(LOG_LEVEL_VERBOSE);
+    EXPECT_FALSE(absent.AsBool(false));
+    EXPECT_TRUE(absent.AsBool(true));
+}
+
+TEST_F(LxRegistryTest, AWatchedValueCallsBackOnEachChangeEvenWhenItsKeyComesLater)
+{
+    auto thread = MakeRC<LxPollThread>("RegTest");
+    ASSERT_TRUE(thread->StartScheduler());
+    auto key = MakeRC<LxRegKey>("HKLM\\Software\\Later");
+    auto keyWatcher = MakeRC<LxRegKeyWatcher>(key);
+    Signal changes;
+    auto valueWatcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(key, "Level"),
+                                                  [&](LxRegValueWatcher&) { changes.Raise(); });
+    ASSERT_TRUE(valueWatcher->Start(keyWatcher));
+    EXPECT_FALSE(valueWatcher->Start(MakeRC<LxRegKeyWatcher>(key)));  // one key watcher at a time
+    ASSERT_TRUE(keyWatcher->Start(thread));
+    EXPECT_FALSE(keyWatcher->IsWatching());  // no key yet: looked for every 2 seconds
+
+    Put("HKLM/Software/Later", "Level", "debug");
+    ASSERT_TRUE(changes.WaitFor(1));
+    EXPECT_EQ(valueWatcher->WithValue([](LxRegValue& v) { return v.AsString(); }), "debug");
+    Put("HKLM/Software/Later", "Level", "trace");
+    ASSERT_TRUE(changes.WaitFor(2));
+    EXPECT_EQ(valueWatcher->WithValue([](LxRegValue& v) { return v.AsString(); }), "trace");
+    Put("HKLM/Software/Later", "Other", "x");  // another value: no callback for this one
+    Remove("HKLM/Software/Later", "Level");
+    ASSERT_TRUE(changes.WaitFor(3));
+    EXPECT_FALSE(valueWatcher->WithValue([](LxRegValue& v) { return v.Exists(); }));
+
+    // The key goes and comes back: the watcher finds it again.
+    fs::remove_all(store.path() + "/HKLM/Software/Later");
+    Put("HKLM/Software/Later", "Level", "info");
+    ASSERT_TRUE(changes.WaitFor(4));
+    EXPECT_EQ(valueWatcher->WithValue([](LxRegValue& v) { return v.AsString(); }), "info");
+
+    EXPECT_TRUE(valueWatcher->Stop());
+    EXPECT_EQ(keyWatcher->WatcherCount(), 0u);
+    EXPECT_TRUE(keyWatcher->Stop());
+    thread->StopScheduler();
+}
+
+TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
+{
+    ScopedLogCapture log(LOG_LEVEL_WARN);
+    LxPolicyValue userPolicy("HKCU\\Software\\Policies\\Corvanta\\Veltrane", "x", LxPolicyValue::PolicyOverridesLocal,
+                             0);
+    EXPECT_EQ(userPolicy.GetSearchKeys(), (std::vector<std::string>{
+                                              "HKLM\\Software\\Policies\\Corvanta\\Veltrane",
+                                              "HKCU\\Software\\Policies\\Corvanta\\Veltrane",
+                                              "HKCU\\Software\\Corvanta\\Veltrane",
+                                              "HKLM\\Software\\Corvanta\\Veltrane",
+                                          }));
+    LxPolicyValue legacy("HKLM\\Software\\Policies\\Corvanta\\Veltrane", "x", LxPolicyValue::CheckPolicyKeysOnly, 1);
+    EXPECT_EQ(legacy.GetSearchKeys(), (std::vector<std::string>{"HKLM\\Software\\Policies\\Corvanta\\Veltrane",
+                                                                "HKLM\\Software\\Policies\\Pelloran\\Veltrane"}));
+    LxPolicyValue preference("HKLM\\Software\\Corvanta\\Veltrane", "x", LxPolicyValue::PreferenceReader, 0);
+    EXPECT_EQ(preference.GetMode(), LxPolicyValue::CheckPassedKeyOnly);
+    LxPolicyValue typeFirst("HKLM\\Software\\Corvanta\\Veltrane", "x", LxPolicyValue::CheckPassedTypeFirst, 0);
+    EXPECT_EQ(typeFirst.GetMode(), LxPolicyValue::LocalOverridesPolicy);
+    LxPolicyValue odd("HKLM\\Software\\Corvanta\\Veltrane", "x", 42, 0);
+    EXPECT_EQ(odd.GetMode(), LxPolicyValue::CheckPassedKeyOnly);
+    EXPECT_EQ(log.CountContaining("policy mode 42 not expected"), 1u);
+    LxPolicyValue neither("HKLM\\System\\Other", "x", LxPolicyValue::PolicyOverridesLocal, 0);
+    EXPECT_EQ(neither.GetSearchKeys(), (std::vector<std::string>{"HKLM\\System\\Other"}));
+
+    Put("HKLM/Software/Policies/Corvanta/Veltrane", "Limit", "10");
+    Put("HKLM/Software/Corvanta/Veltrane", "Limit", "20");
+    LxPolicyValue localFirst("HKLM\\Software\\Corvanta\\Veltrane", "Limit", LxPolicyValue::LocalOverridesPolicy, 0);
+    EXPECT_TRUE(localFirst.UpdateValue());
+    EXPECT_EQ(localFirst.GetString(), "20");
+    LxPolicyValue policyFirst("HKLM\\Software\\Corvanta\\Veltrane", "Limit", LxPolicyValue::PolicyOverridesLocal, 0);
+    EXPECT_TRUE(policyFirst.UpdateValue());
+    EXPECT_EQ(policyFirst.GetString(), "10");
+    EXPECT_FALSE(policyFirst.UpdateValue());
+    Remove("HKLM/Software/Policies/Corvanta/Veltrane", "Limit");
+    EXPECT_TRUE(policyFirst.UpdateValue());
+    EXPECT_EQ(policyFirst.GetString(), "20");
+    EXPECT_EQ(policyFirst.GetSourceLocation(), "HKLM\\Software\\Corvanta\\Veltrane\\Limit");
+}
+
+TEST_F(LxRegistryTest, APolicyWatcherReportsWhenTheEffectiveValueChanges)
+{
+    auto thread = MakeRC<LxPollThread>("PolicyTest");
+    ASSERT_TRUE(thread->StartScheduler());
+    Put("HKLM/Software/Corvanta/Veltrane", "Redact", "1");
+    Signal changes;
+    auto watcher = MakeRC<LxPolicyWatcher>(
+        MakeRC<LxPolicyValue>("HKLM\\Software\\Policies\\Corvanta\\Veltrane", "Redact",
+                              LxPolicyValue::PolicyOverridesLocal, 0),
+        LOG_LEVEL_INFO, [&](LxPolicyWatcher&) { changes.Raise(); });
+    ASSERT_TRUE(watcher->Start(thread));
+    EXPECT_TRUE(watcher->GetValue()->GetBool(false));
+    // The policy key appears with the other answer: it overrides the local one.
+    Put("HKLM/Software/Policies/Corvanta/Veltrane", "Redact", "0");
+    ASSERT_TRUE(changes.WaitFor(1));
+    EXPECT_FALSE(watcher->GetValue()->GetBool(true));
+    EXPECT_TRUE(watcher->Stop());
+    EXPECT_FALSE(watcher->Stop());
+    thread->StopScheduler();
+}
+
+} // namespace
