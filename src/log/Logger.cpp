@@ -106,10 +106,14 @@ const char* OnOff(bool value)
 }
 
 // The change messages go through the front end at level 0, named after the
-// reader, so they reach the writers only while the logger runs.
+// reader. They only matter to the writers of a running logger; before the
+// start they would reach standard error through the front end's fallback.
 void ChangeMessage(SettingsReader& reader, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void ChangeMessage(SettingsReader& reader, const char* format, ...)
 {
+    RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger();
+    if (!logger || !logger->IsStarted())
+        return;
     char text[512];
     va_list args;
     va_start(args, format);
