@@ -45,6 +45,7 @@ public:
     // Forgets the effective value, so the next update reports it afresh.
     void ResetValue();
 
+    int32_t GetRequestedMode() const { return m_requestedMode; }
     int32_t GetMode() const { return m_mode; }
     const std::string& GetName() const { return m_name; }
     std::vector<std::string> GetSearchKeys() const;

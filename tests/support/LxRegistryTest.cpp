@@ -231,6 +231,7 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
     EXPECT_EQ(typeFirst.GetMode(), LxPolicyValue::LocalOverridesPolicy);
     LxPolicyValue odd("HKLM\\Software\\Corvanta\\Veltrane", "x", 42, 0);
     EXPECT_EQ(odd.GetMode(), LxPolicyValue::CheckPassedKeyOnly);
+    EXPECT_EQ(odd.GetRequestedMode(), 42);
     EXPECT_EQ(log.CountContaining("policy mode 42 not expected"), 1u);
     LxPolicyValue neither("HKLM\\System\\Other", "x", LxPolicyValue::PolicyOverridesLocal, 0);
     EXPECT_EQ(neither.GetSearchKeys(), (std::vector<std::string>{"HKLM\\System\\Other"}));
