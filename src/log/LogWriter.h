@@ -121,10 +121,10 @@ private:
     uint32_t m_lastThreadId = 0;       // guarded by the logging lock
     int32_t m_lastPrefixLength = 0;    // guarded by the logging lock
     bool m_headerPending = true;
-    bool m_bufferingEnabled = false;   // guarded by the logging lock
+    std::atomic<bool> m_bufferingEnabled{false}; // written under the logging lock
     std::atomic<bool> m_active{false};
     std::atomic<bool> m_stopping{false};
-    bool m_enabled = true;             // guarded by the logging lock
+    std::atomic<bool> m_enabled{true};           // written under the logging lock
     std::atomic<Logger*> m_logger{nullptr};
 
 protected:

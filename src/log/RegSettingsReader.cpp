@@ -26,8 +26,10 @@ RegSettingsReader::RegSettingsReader(Logger* logger, const std::string& location
     RCPtr<LxRegKey> key = MakeRC<LxRegKey>(location);
     m_keyWatcher = MakeRC<LogRegKeyWatcher>(key, *this);
     for (const char* name : kSettingNames) {
-        auto watcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(key, name), LxRegValueWatcher::Callback(),
-                                                 LOG_LEVEL_VERBOSE);
+        // A key object of its own: values load on the poll thread beside the
+        // watcher's open key.
+        auto watcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(MakeRC<LxRegKey>(location), name),
+                                                 LxRegValueWatcher::Callback(), LOG_LEVEL_VERBOSE);
         watcher->Start(m_keyWatcher);
         m_values.emplace(name, watcher);
     }
@@ -70,7 +72,7 @@ bool RegSettingsReader::WithValue(const std::string& name, Read&& read)
     for (auto& [known, watcher] : m_values)
         if (strcasecmp(known.c_str(), name.c_str()) == 0)
             return watcher->WithValue([&](LxRegValue& value) { return value.Exists() && read(value); });
-    LxRegValue value(m_keyWatcher->GetKey(), name);
+    LxRegValue value(MakeRC<LxRegKey>(m_location), name);
     value.Load(LOG_LEVEL_VERBOSE);
     return value.Exists() && read(value);
 }

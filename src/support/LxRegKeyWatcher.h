@@ -15,6 +15,7 @@
 #include "support/RCPtr.h"
 #include "support/WkPtr.h"
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -51,7 +52,7 @@ private:
     const RCPtr<LxRegKey> m_key;
     const bool m_watchSubtree;
     const int m_inotify; // owned by m_event
-    int m_watch = -1;    // touched on the poll thread, and by Start before it
+    std::atomic<int> m_watch{-1}; // changed on the poll thread, and by Start and Stop around it
     LxMutex m_listLock;
     std::vector<WkPtr<LxRegValueWatcher>> m_valueWatchers; // guarded by m_listLock
 };

@@ -1,6 +1,8 @@
 #pragma once
 // One value of a watched key: reloaded whenever its key watcher reports a
-// change, and its callback called when the value really changed.
+// change, and its callback called when the value really changed. The value
+// needs a key object of its own: the key watcher's is opened and closed on
+// the poll thread.
 
 #include "support/LxRegValue.h"
 #include "support/RCObject.h"

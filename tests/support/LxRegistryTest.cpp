@@ -181,7 +181,7 @@ TEST_F(LxRegistryTest, AWatchedValueCallsBackOnEachChangeEvenWhenItsKeyComesLate
     auto key = MakeRC<LxRegKey>("HKLM\\Software\\Later");
     auto keyWatcher = MakeRC<LxRegKeyWatcher>(key);
     Signal changes;
-    auto valueWatcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(key, "Level"),
+    auto valueWatcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(MakeRC<LxRegKey>("HKLM\\Software\\Later"), "Level"),
                                                   [&](LxRegValueWatcher&) { changes.Raise(); });
     ASSERT_TRUE(valueWatcher->Start(keyWatcher));
     EXPECT_FALSE(valueWatcher->Start(MakeRC<LxRegKeyWatcher>(key)));  // one key watcher at a time
