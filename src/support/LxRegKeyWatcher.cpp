@@ -53,6 +53,9 @@ bool LxRegKeyWatcher::WatchRegKey()
         m_key->CloseKey();
         return false;
     }
+    // The watch is the handle here. An open folder would hold back the
+    // notice that the key was deleted until the folder is closed.
+    m_key->CloseKey();
     return true;
 }
 

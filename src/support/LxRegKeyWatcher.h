@@ -4,7 +4,8 @@
 // inotify on the key's folder (the folder itself, not its sub-keys); its
 // descriptor is the item's event. A key that cannot be watched yet (it does
 // not exist) is tried again every 2 seconds, and its values are reloaded
-// then too.
+// then too. The key's folder is not kept open while watched: that would hold
+// back the notice of its deletion.
 //
 // Lock order: the watcher's list lock is taken alone; value watchers and
 // OnKeyChanged run outside it.
