@@ -1,6 +1,7 @@
 #include "support/LxRegValue.h"
 
 #include "log/Log.h"
+#include "platform/ParseNumber.h"
 #include "platform/SysCall.h"
 #include "platform/UniqueFd.h"
 
@@ -183,14 +184,7 @@ bool LxRegValue::AsUInt32(uint32_t& value) const
     }
     if (m_type != REG_SZ && m_type != REG_EXPAND_SZ)
         return false;
-    const std::string text = AsString();
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long parsed = strtoull(text.c_str(), &end, 0);
-    if (end == text.c_str() || errno != 0)
-        return false;
-    value = static_cast<uint32_t>(parsed);
-    return true;
+    return platform::ParseUnsigned32(AsString(), value);
 }
 
 bool LxRegValue::AsBool(bool defaultValue) const

@@ -1,3 +1,4 @@
+#include "common/SettingsStore.h"
 #include "log/Log.h"
 #include "log/LogTestSupport.h"
 #include "log/RegSettingsReader.h"
@@ -5,13 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr const char* kKey = "Software\\Corvanta\\Veltrane\\TOLV";
 constexpr const char* kKeyFolder = "HKLM/Software/Corvanta/Veltrane/TOLV";
@@ -19,40 +15,11 @@ constexpr const char* kKeyFolder = "HKLM/Software/Corvanta/Veltrane/TOLV";
 // A logger whose settings come from a private settings store.
 class RegSettingsReaderTest : public FileLoggerFixture {
 protected:
-    void SetUp() override
-    {
-        const char* saved = getenv("LXREG_ROOT");
-        m_hadRoot = saved != nullptr;
-        m_savedRoot = saved ? saved : "";
-        setenv("LXREG_ROOT", store.path().c_str(), 1);
-    }
-    void TearDown() override
-    {
-        FileLoggerFixture::TearDown();
-        if (m_hadRoot)
-            setenv("LXREG_ROOT", m_savedRoot.c_str(), 1);
-        else
-            unsetenv("LXREG_ROOT");
-    }
+    void Put(const std::string& key, const std::string& name, const std::string& text) { store.Put(key, name, text); }
+    void Set(const std::string& name, const std::string& text) { store.Put(kKeyFolder, name, text); }
+    void Unset(const std::string& name) { store.Remove(kKeyFolder, name); }
 
-    void Put(const std::string& key, const std::string& name, const std::string& text)
-    {
-        fs::create_directories(store.path() + "/" + key);
-        const std::string path = store.path() + "/" + key + "/" + name;
-        {
-            std::ofstream out(path + ".new", std::ios::binary);
-            out << text;
-        }
-        fs::rename(path + ".new", path);
-    }
-    void Set(const std::string& name, const std::string& text) { Put(kKeyFolder, name, text); }
-    void Unset(const std::string& name) { fs::remove(store.path() + "/" + kKeyFolder + "/" + name); }
-
-    TempDir store;
-
-private:
-    bool m_hadRoot = false;
-    std::string m_savedRoot;
+    SettingsStore store;
 };
 
 TEST_F(RegSettingsReaderTest, SettingsBeforeTheStartShapeTheLoggerAndItsWriters)

@@ -1,5 +1,5 @@
 #include "common/LogCapture.h"
-#include "common/TempDir.h"
+#include "common/SettingsStore.h"
 #include "support/LxPolicyValue.h"
 #include "support/LxPolicyWatcher.h"
 #include "support/LxPollThread.h"
@@ -24,47 +24,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A settings store of its own: $LXREG_ROOT points at a private folder while
-// the test runs.
 class LxRegistryTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        const char* saved = getenv("LXREG_ROOT");
-        m_hadRoot = saved != nullptr;
-        m_savedRoot = saved ? saved : "";
-        setenv("LXREG_ROOT", store.path().c_str(), 1);
-    }
-    void TearDown() override
-    {
-        if (m_hadRoot)
-            setenv("LXREG_ROOT", m_savedRoot.c_str(), 1);
-        else
-            unsetenv("LXREG_ROOT");
-    }
+    void Put(const std::string& key, const std::string& name, const std::string& text) { store.Put(key, name, text); }
+    void Remove(const std::string& key, const std::string& name) { store.Remove(key, name); }
 
-    // Writes a value, making its key's folders; `key` as "HKLM/Software/...".
-    void Put(const std::string& key, const std::string& name, const std::string& text)
-    {
-        fs::create_directories(store.path() + "/" + key);
-        // Written aside and renamed: a watcher never reads half a value.
-        const std::string path = store.path() + "/" + key + "/" + name;
-        {
-            std::ofstream out(path + ".new", std::ios::binary);
-            out << text;
-        }
-        fs::rename(path + ".new", path);
-    }
-    void Remove(const std::string& key, const std::string& name)
-    {
-        fs::remove(store.path() + "/" + key + "/" + name);
-    }
-
-    TempDir store;
-
-private:
-    bool m_hadRoot = false;
-    std::string m_savedRoot;
+    SettingsStore store;
 };
 
 // Counts callbacks and lets the test wait for the next one.
