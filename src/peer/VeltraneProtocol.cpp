@@ -18,9 +18,11 @@
 
 #include <isa-l/crc.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -93,16 +95,28 @@ bool ReadWhole(int fd, uint8_t* data, size_t size)
     return Whole(::read, fd, data, size);
 }
 
-// The CRC-32 of a whole local file, read back from the disk.
-bool FileCrc(const std::string& path, uint32_t& crc)
+// Zeros for the CRC of a hole and for telling a zero block from data.
+constexpr size_t kZerosSize = 1 << 16;
+alignas(4096) const uint8_t kZeros[kZerosSize] = {};
+
+// Continues `crc` over `count` zero bytes.
+uint32_t CrcOfZeros(uint32_t crc, uint64_t count)
 {
-    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd)
-        return false;
-    std::vector<uint8_t> buffer(1 << 20);
-    crc = 0;
-    for (;;) {
-        const ssize_t n = read(fd.get(), buffer.data(), buffer.size());
+    while (count > 0) {
+        const size_t n = count < kZerosSize ? static_cast<size_t>(count) : kZerosSize;
+        crc = crc32_gzip_refl(crc, kZeros, n);
+        count -= n;
+    }
+    return crc;
+}
+
+// Continues `crc` with plain reads of the file from `offset` up to `end` or
+// its end, whichever comes first; `offset` is left where the reads stopped.
+bool CrcOfReads(int fd, uint64_t& offset, uint64_t end, std::vector<uint8_t>& buffer, uint32_t& crc)
+{
+    while (offset < end) {
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), end - offset));
+        const ssize_t n = pread(fd, buffer.data(), want, static_cast<off_t>(offset));
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -110,8 +124,117 @@ bool FileCrc(const std::string& path, uint32_t& crc)
         if (n == 0)
             return true;
         crc = crc32_gzip_refl(crc, buffer.data(), static_cast<uint64_t>(n));
+        offset += static_cast<uint64_t>(n);
     }
+    return true;
 }
+
+// The CRC-32 of a whole local file, read back from the disk. The holes of a
+// regular file are known to read as zeros, so only its data is read.
+bool FileCrc(const std::string& path, uint32_t& crc)
+{
+    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0)
+        return false;
+    std::vector<uint8_t> buffer(1 << 20);
+    crc = 0;
+    uint64_t offset = 0;
+    if (S_ISREG(st.st_mode)) {
+        const uint64_t size = static_cast<uint64_t>(st.st_size);
+        while (offset < size) {
+            off_t data = lseek(fd.get(), static_cast<off_t>(offset), SEEK_DATA);
+            if (data < 0 && errno == ENXIO)
+                data = static_cast<off_t>(size);  // a hole up to the end
+            else if (data < 0 && (errno == EINVAL || errno == EOPNOTSUPP))
+                break;  // no hole lookup here: read everything
+            else if (data < 0)
+                return false;
+            const uint64_t dataStart = std::min(static_cast<uint64_t>(data), size);
+            crc = CrcOfZeros(crc, dataStart - offset);
+            offset = dataStart;
+            if (offset == size)
+                break;
+            const off_t hole = lseek(fd.get(), static_cast<off_t>(offset), SEEK_HOLE);
+            if (hole < 0)
+                return false;
+            const uint64_t dataEnd = std::max(static_cast<uint64_t>(hole), offset + 1);
+            if (!CrcOfReads(fd.get(), offset, dataEnd, buffer, crc))
+                return false;
+            if (offset < dataEnd)
+                break;  // shorter than it was; the reads below find its end
+        }
+    }
+    // Devices, pipes, file systems without hole lookup, and whatever a
+    // regular file has past the size it had.
+    return CrcOfReads(fd.get(), offset, UINT64_MAX, buffer, crc);
+}
+
+// Writes a copy's bytes in order. Into a regular file, whole 4 KiB blocks of
+// zeros (aligned to the file offset) are skipped and left as holes, so a
+// mostly empty drive costs only its data; the file must start empty and gets
+// its size at Finish. Anything else gets every byte, in order, without seeks.
+class ImageWriter {
+public:
+    static constexpr size_t kBlock = 4096;
+
+    ImageWriter(int fd, bool sparse) : m_fd(fd), m_sparse(sparse) {}
+
+    bool Append(const uint8_t* bytes, size_t count)
+    {
+        if (!m_sparse)
+            return WriteWhole(m_fd, bytes, count);
+        // [run, i) is data not yet written; a block split by the ends of the
+        // chunk is short and so written as data.
+        size_t run = 0;
+        size_t i = 0;
+        while (i < count) {
+            const size_t toBoundary = kBlock - static_cast<size_t>((m_offset + i) % kBlock);
+            const size_t n = std::min(toBoundary, count - i);
+            if (n == kBlock && IsZeroBlock(bytes + i)) {
+                if (!WriteAt(bytes + run, i - run, m_offset + run))
+                    return false;
+                run = i + n;
+            }
+            i += n;
+        }
+        if (!WriteAt(bytes + run, count - run, m_offset + run))
+            return false;
+        m_offset += count;
+        return true;
+    }
+
+    // Gives the file its whole size, holes at its end included.
+    bool Finish(uint64_t size) { return !m_sparse || ftruncate(m_fd, static_cast<off_t>(size)) == 0; }
+
+private:
+    static bool IsZeroBlock(const uint8_t* block)
+    {
+        // Data usually shows in its first bytes; only zero blocks are compared whole.
+        uint64_t head;
+        std::memcpy(&head, block, sizeof head);
+        return head == 0 && std::memcmp(block, kZeros, kBlock) == 0;
+    }
+
+    bool WriteAt(const uint8_t* data, size_t size, uint64_t offset)
+    {
+        while (size > 0) {
+            const ssize_t n = pwrite(m_fd, data, size, static_cast<off_t>(offset));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return false;
+            data += n;
+            size -= static_cast<size_t>(n);
+            offset += static_cast<uint64_t>(n);
+        }
+        return true;
+    }
+
+    int m_fd;
+    bool m_sparse;
+    uint64_t m_offset = 0;
+};
 
 class StepRunner {
 public:
@@ -213,9 +336,16 @@ private:
         DR_QUERY_DISK_RSP info;
         if (!Query(kCopyLetter, step.path, &info))
             return false;
+        // O_TRUNC empties an existing file, so no stale byte shows through a hole.
         platform::UniqueFd out(open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        if (!out)
-            return Fail("cannot open " + step.file + ": " + std::strerror(errno));
+        struct stat st {};
+        if (!out || fstat(out.get(), &st) != 0) {
+            const std::string why = std::strerror(errno);
+            std::string releaseError;
+            m_session.Release(kCopyLetter, releaseError);
+            return Fail("cannot open " + step.file + ": " + why);
+        }
+        ImageWriter writer(out.get(), S_ISREG(st.st_mode));
         ProgressBar bar(!m_options.quiet, "copy-out");
         uint32_t crc = 0;
         uint64_t done = 0;
@@ -223,13 +353,15 @@ private:
         const auto start = Clock::now();
         const bool ok = m_session.ReadRange(
             kCopyLetter, 0, info.diskSize,
-            [&](const uint8_t* bytes, size_t count) { return WriteWhole(out.get(), bytes, count); }, false, crc, done,
+            [&](const uint8_t* bytes, size_t count) { return writer.Append(bytes, count); }, false, crc, done,
             [&](uint64_t d, uint64_t t) { bar(d, t); }, error);
         const auto elapsed = Clock::now() - start;
         std::string releaseError;
         m_session.Release(kCopyLetter, releaseError);
         if (!ok)
             return Fail(error);
+        if (!writer.Finish(info.diskSize))
+            return Fail("cannot size " + step.file + ": " + std::strerror(errno));
         if (fsync(out.get()) != 0)
             return Fail("cannot flush " + step.file + ": " + std::strerror(errno));
         out.reset();

@@ -17,12 +17,16 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <random>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -97,6 +101,48 @@ bool SameBytes(const std::string& a, const std::string& b)
     const std::string x = ReadFile(a);
     const std::string y = ReadFile(b);
     return !x.empty() && x == y;
+}
+
+// A run of data in an otherwise empty (sparse) file.
+struct Piece {
+    uint64_t offset;
+    size_t length;
+};
+
+// Makes `path` a file of `size` bytes that holds pseudo-random data at
+// `pieces` and holes everywhere else. Each piece starts and ends with a
+// non-zero byte, so its bounds are exact. Returns the bytes of the 4 KiB
+// blocks the pieces touch: what the file needs allocated.
+uint64_t WriteSparseFile(const std::string& path, uint64_t size, const std::vector<Piece>& pieces, uint32_t seed)
+{
+    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    EXPECT_TRUE(fd.valid());
+    EXPECT_EQ(ftruncate(fd.get(), static_cast<off_t>(size)), 0);
+    std::mt19937 random(seed);
+    uint64_t blocks = 0;
+    for (const Piece& piece : pieces) {
+        std::string bytes(piece.length, '\0');
+        for (char& byte : bytes)
+            byte = static_cast<char>(random());
+        bytes.front() = static_cast<char>(bytes.front() | 1);
+        bytes.back() = static_cast<char>(bytes.back() | 0x80);
+        EXPECT_EQ(pwrite(fd.get(), bytes.data(), bytes.size(), static_cast<off_t>(piece.offset)),
+                  static_cast<ssize_t>(bytes.size()));
+        blocks += (piece.offset + piece.length + 4095) / 4096 - piece.offset / 4096;
+    }
+    return blocks * 4096;
+}
+
+uint64_t AllocatedBytes(const std::string& path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : UINT64_MAX;
+}
+
+uint64_t FileSize(const std::string& path)
+{
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : UINT64_MAX;
 }
 
 } // namespace
@@ -207,6 +253,47 @@ TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExact)
     EXPECT_TRUE(SameBytes(image, data));
 }
 
+TEST(WorkerDrives, CopyOutLeavesHolesWhereTheDriveIsZero)
+{
+    Installation install;
+    const uint64_t slack = 1u << 20;
+    // Ends inside a block, with data up to its last byte.
+    const std::string first = install.file("first.bin");
+    const uint64_t firstSize = (64u << 20) + 1000;
+    const uint64_t firstData = WriteSparseFile(first, firstSize,
+                                               {
+                                                   {(3u << 20) + 123, 1u << 20},  // unaligned at both ends
+                                                   {16u << 20, 2u << 20},         // whole blocks
+                                                   {(40u << 20) + 2049, 1},       // one byte in a zero block
+                                                   {(48u << 20) - 10, 20},        // across two requests
+                                                   {firstSize - 3000, 3000},      // up to the end
+                                               },
+                                               31);
+    // Ends with whole blocks of zeros, so only its size makes them; and its
+    // image already exists, longer and full of other bytes.
+    const std::string second = install.file("second.bin");
+    const uint64_t secondSize = 32u << 20;
+    const uint64_t secondData = WriteSparseFile(second, secondSize, {{(5u << 20) + 4095, 2}}, 32);
+    if (AllocatedBytes(first) > firstData + slack || AllocatedBytes(second) > secondData + slack)
+        GTEST_SKIP() << "no holes in files under " << install.dir.path();
+    WritePatternFile(install.file("second.img"), 40u << 20, 13);
+
+    std::string out;
+    ASSERT_EQ(install.RunPeer({"copy-out", first, install.file("first.img"), "copy-out", second,
+                               install.file("second.img")},
+                              &out),
+              0)
+        << out;
+    EXPECT_EQ(FileSize(install.file("first.img")), firstSize);
+    EXPECT_EQ(FileSize(install.file("second.img")), secondSize);
+    EXPECT_TRUE(SameBytes(install.file("first.img"), first));
+    EXPECT_TRUE(SameBytes(install.file("second.img"), second));
+    // Only the blocks with data take space; written out whole, these take
+    // 64 and 32 MiB.
+    EXPECT_LE(AllocatedBytes(install.file("first.img")), firstData + slack);
+    EXPECT_LE(AllocatedBytes(install.file("second.img")), secondData + slack);
+}
+
 TEST(WorkerDrives, ErrorsNameTheStatus)
 {
     Installation install;
@@ -285,6 +372,24 @@ TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)
     ASSERT_EQ(pread(fd.get(), onDevice.data(), size, 0), static_cast<ssize_t>(size));
     EXPECT_TRUE(onDevice == ReadFile(image));
     EXPECT_TRUE(Claimable(*device));
+}
+
+TEST_F(WorkerLoop, CopyOutOntoADeviceWritesTheZerosToo)
+{
+    // A device cannot have holes, and what it held before must not show.
+    const size_t size = 8u << 20;
+    auto device = Attach(install.file("disk.img"), size, 6);
+    ASSERT_TRUE(device);
+    const std::string source = install.file("sparse.bin");
+    WriteSparseFile(source, size, {{12345, 70000}, {size - 4096, 4096}}, 33);
+
+    std::string out;
+    ASSERT_EQ(install.RunPeer({"copy-out", source, device->path()}, &out), 0) << out;
+    std::string onDevice(size, '\0');
+    platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(fd.valid());
+    ASSERT_EQ(pread(fd.get(), onDevice.data(), size, 0), static_cast<ssize_t>(size));
+    EXPECT_TRUE(onDevice == ReadFile(source));
 }
 
 TEST_F(WorkerLoop, APeerKilledMidCopyLeavesNoClaimAndTheWorkerExitsZero)
