@@ -108,4 +108,10 @@ public:
 
 class TaskExecutor : public TimerTaskExecutor, public WaitTaskExecutor, public WorkTaskExecutor {};
 
+// From inside a task's callback: the rest of that callback no longer counts
+// as the task's running callback, so closing the task or waiting for its
+// callbacks does not wait for it. The callback keeps running; what it uses
+// must be kept alive by its own references. Nothing happens off the pool.
+void DisassociateCurrentThreadFromCallback();
+
 } // namespace tamsel::task

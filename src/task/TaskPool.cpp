@@ -109,6 +109,16 @@ void TaskPool::DetachCurrent(TaskCore& core)
     }
 }
 
+void DisassociateCurrentThreadFromCallback()
+{
+    TaskCore* core = t_current;
+    if (core == nullptr)
+        return;
+    std::lock_guard<std::mutex> guard(core->lock);
+    TaskPool::DetachCurrent(*core);
+    core->idle.notify_all();
+}
+
 TaskPool::TaskPool(Limits limits) : m_limits(limits) {}
 
 TaskPool::~TaskPool() = default;

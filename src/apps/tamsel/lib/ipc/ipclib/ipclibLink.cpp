@@ -100,7 +100,7 @@ KxIpcStatusCode KxIpclibLink::start(std::shared_ptr<tamsel::task::TaskExecutor> 
     return KxIpcStatusSuccess;
 }
 
-KxIpcStatusCode KxIpclibLink::send(std::shared_ptr<KxIpclibMsg> msg)
+KxIpcStatusCode KxIpclibLink::send(std::shared_ptr<KxIpclibMsg> msg, bool* writeNow)
 {
     LinkLock lock(m_lock);
     KXIPC_TRACE(Link, "> m_state: {}, linkId: {:#x}, msgId: {}", m_state, m_linkId, msg->msgId());
@@ -110,9 +110,34 @@ KxIpcStatusCode KxIpclibLink::send(std::shared_ptr<KxIpclibMsg> msg)
     }
     msg->resetCursor();
     m_sendQueue.push_back(std::move(msg));
-    if (m_sendState == KxIpclibSendIdle)
+    const bool idle = m_sendState == KxIpclibSendIdle;
+    // While a transfer waits for the peer, the sender looks whether the peer
+    // has freed the buffer meanwhile: the transport does not watch for that
+    // while nothing is queued. A writer or a queued task takes it otherwise.
+    if (!idle && m_sendState != KxIpclibSendWaitingForPeer)
+        return KxIpcStatusSuccess;
+    if (writeNow != nullptr && m_sendTask) {
+        // Claimed like a queued send task, so no one else starts a write
+        // until the caller's flushSend.
+        if (idle)
+            m_sendState = KxIpclibSendQueued;
+        *writeNow = true;
+        return KxIpcStatusSuccess;
+    }
+    if (idle) {
         queueDeferredSend(lock);
+    } else if (m_sendTask) {
+        auto task = m_sendTask;
+        lock.unlock();
+        task.submit(weak_from_this());
+    }
     return KxIpcStatusSuccess;
+}
+
+void KxIpclibLink::flushSend()
+{
+    LinkLock lock(m_lock);
+    performDeferredSend(lock);
 }
 
 void KxIpclibLink::queueDeferredSend(LinkLock& lock)

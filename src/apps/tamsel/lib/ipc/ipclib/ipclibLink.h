@@ -33,6 +33,8 @@ using KxIpclibStreamMap = std::map<uint64_t, std::shared_ptr<KxIpclibStream>>;
 // Values of the link's send state that the base knows; the transport may use others.
 inline constexpr uint32_t KxIpclibSendIdle = 1;
 inline constexpr uint32_t KxIpclibSendQueued = 2;
+// A transfer sits in the section until the peer frees the buffer.
+inline constexpr uint32_t KxIpclibSendWaitingForPeer = 3;
 inline constexpr uint32_t KxIpclibSendWriting = 4;
 
 class KxIpclibLink : public std::enable_shared_from_this<KxIpclibLink> {
@@ -64,7 +66,14 @@ public:
 
     KxIpcStatusCode connecting();
     // Queues a message for the transport; 8 unless Connecting or Connected.
-    KxIpcStatusCode send(std::shared_ptr<KxIpclibMsg> msg);
+    // With `writeNow` given and the send channel free, the caller is handed the
+    // write instead of the send task: it must call flushSend() once it holds
+    // none of its own locks. Without it, or with the channel busy, the message
+    // waits for the send task or the peer freeing the buffer.
+    KxIpcStatusCode send(std::shared_ptr<KxIpclibMsg> msg, bool* writeNow = nullptr);
+    // Writes what is queued on the calling thread, unless another thread
+    // writes or the section waits for the peer.
+    void flushSend();
     KxIpcStatusCode addStream(const std::shared_ptr<KxIpclibStream>& stream);
     KxIpcStatusCode eraseStream(const std::shared_ptr<KxIpclibStream>& stream);
     KxIpcStatusCode removeStream(const std::shared_ptr<KxIpclibStream>& stream);

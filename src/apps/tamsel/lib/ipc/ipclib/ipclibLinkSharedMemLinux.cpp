@@ -5,7 +5,10 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
 
+#include "log/Log.h"
 #include "platform/LittleEndian.h"
+
+#include <exception>
 
 namespace tamsel::ipc {
 
@@ -115,13 +118,10 @@ KxIpcStatusCode KxIpclibLinkSharedMemLinux::start(std::shared_ptr<tamsel::task::
     KxIpcStatusCode status = KxIpclibLink::start(executor, out);
     LinkLock lock(m_lock);
     if (status == KxIpcStatusSuccess) {
+        // Armed only while messages wait for the peer to free the buffer;
+        // performDeferredSend takes the peer's signal and re-arms as needed.
         m_bufferFreeWait = makeWait(m_sendChannel->bufferFreeEvent(), [](KxIpclibLinkSharedMemLinux& link) {
-            KxIpclibLinkChannelSharedMemLinux::Consume(link.m_sendChannel->bufferFreeEvent());
             LinkLock lock(link.m_lock);
-            if (Usable(link.m_state))
-                link.arm(link.m_bufferFreeWait);
-            if (link.m_sendState == kSendWaitingForPeer)
-                link.m_sendState = KxIpclibSendIdle;
             link.performDeferredSend(lock);
         });
         m_peerErrorWait = makeWait(m_sendChannel->errorEvent(), [](KxIpclibLinkSharedMemLinux& link) {
@@ -167,7 +167,8 @@ KxIpcStatusCode KxIpclibLinkSharedMemLinux::start(std::shared_ptr<tamsel::task::
     else
         KXIPC_TRACE(Link, "< m_state: {}, linkId: {:#x}, start notification on peer pipe", m_state, m_linkId);
     arm(m_peerExitWait);
-    arm(m_bufferFreeWait);
+    if (!m_sendQueue.empty())
+        arm(m_bufferFreeWait);
     arm(m_recvWait);
     arm(m_peerErrorWait);
     arm(m_peerStopWait);
@@ -180,9 +181,36 @@ void KxIpclibLinkSharedMemLinux::onRecvReady()
 {
     KxIpclibLinkChannelSharedMemLinux::Consume(m_recvChannel->dataReadyEvent());
     KxIpclibStreamMap touched;
-    if (recv(touched) == KxIpcStatusSuccess)
-        for (auto& [id, stream] : touched)
+    if (recv(touched) != KxIpcStatusSuccess)
+        return;
+    // The pass is over and the buffer is the peer's again. One stream is
+    // delivered on this thread, saving a hand-off: the last one, so that a
+    // receive function that blocks holds up no other stream of the pass. The
+    // control stream, whose handling is rare and may throw, stays a task.
+    std::shared_ptr<KxIpclibStream> inlineStream;
+    for (auto& [id, stream] : touched) {
+        if (inlineStream)
+            inlineStream->deferredDispatch();
+        inlineStream.reset();
+        if (stream->isControl())
             stream->deferredDispatch();
+        else
+            inlineStream = stream;
+    }
+    if (!inlineStream)
+        return;
+    // The delivery is no part of the receive pass: a stop that waits for the
+    // pass must not wait for a receive function, which may itself wait for
+    // the stop (for sends that only the stop completes).
+    tamsel::task::DisassociateCurrentThreadFromCallback();
+    try {
+        inlineStream->dispatchInline();
+    } catch (const std::exception& e) {
+        LOG_ERROR("KxIpclibLinkSharedMemLinux::onRecvReady()", "A receive function raised an exception: %s",
+                  e.what());
+    } catch (...) {
+        LOG_ERROR("KxIpclibLinkSharedMemLinux::onRecvReady()", "A receive function raised an exception.");
+    }
 }
 
 KxIpcStatusCode KxIpclibLinkSharedMemLinux::recv(KxIpclibStreamMap& streamsTouched)
@@ -241,8 +269,18 @@ void KxIpclibLinkSharedMemLinux::resumeRecv()
 
 void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
 {
-    if (m_sendState == KxIpclibSendWriting || m_sendState == kSendWaitingForPeer)
+    if (m_sendState == KxIpclibSendWriting)
         return;
+    if (m_sendState == kSendWaitingForPeer) {
+        // The peer's signal is taken here, by whoever sends next, rather than
+        // by a wait that would wake a thread for every transfer.
+        if (!KxIpclibLinkChannelSharedMemLinux::Consume(m_sendChannel->bufferFreeEvent())) {
+            if (!m_sendQueue.empty() && Usable(m_state))
+                arm(m_bufferFreeWait);  // its signal sends what is queued
+            return;
+        }
+        m_sendState = KxIpclibSendIdle;
+    }
     if (m_sendQueue.empty()) {
         m_sendState = KxIpclibSendIdle;
         return;
@@ -282,6 +320,8 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
 
     finishTransfer(unit, used, blockCount, ++m_sendSeqNo);
     m_sendState = kSendWaitingForPeer;
+    if (!m_sendQueue.empty() && Usable(m_state))
+        arm(m_bufferFreeWait);
     lock.unlock();
     m_sendChannel->signalDataReady();
     for (auto& msg : written)

@@ -26,7 +26,7 @@ namespace tamsel::ipc {
 class KxIpclibLinkSharedMemLinux final : public KxIpclibLink {
 public:
     // sendState while a transfer sits in the section, waiting for the peer.
-    static constexpr uint32_t kSendWaitingForPeer = 3;
+    static constexpr uint32_t kSendWaitingForPeer = KxIpclibSendWaitingForPeer;
 
     KxIpclibLinkSharedMemLinux(const _GUID& endpoint, uint32_t linkFlags, const std::u16string& linkName,
                                uint32_t peerProcessId, std::function<void(KxIpclibLink&)> onLinkClosed,

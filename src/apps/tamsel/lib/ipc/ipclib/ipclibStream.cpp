@@ -123,7 +123,11 @@ tamsel::expected<std::shared_ptr<KxIpclibMsg>, KxIpcStatusCode> KxIpclibStream::
     auto msg = std::make_shared<KxIpclibMsg>(KxIpclibMsgType::Msg, KxIpclibMsgFlagOutstanding, 0, shared_from_this(),
                                              m_streamId, m_peerStreamId, size, data, std::move(completion));
     ++m_outstandingSends;
-    const KxIpcStatusCode status = m_link->send(msg);
+    // Queued under the stream's lock, so the stream's messages keep their
+    // order against its Close; written after it, so that completions, which
+    // may run on this thread, never run under it.
+    bool writeNow = false;
+    const KxIpcStatusCode status = m_link->send(msg, &writeNow);
     KXIPC_TRACE(Stream, "< state: {}, streamId: {:#x}, status: {}", m_state.load(), m_streamId, status);
     if (status != KxIpcStatusSuccess) {
         lock.unlock();
@@ -132,6 +136,11 @@ tamsel::expected<std::shared_ptr<KxIpclibMsg>, KxIpcStatusCode> KxIpclibStream::
     }
     m_bytesSent += size;
     ++m_msgsSent;
+    if (writeNow) {
+        auto link = m_link;
+        lock.unlock();
+        link->flushSend();
+    }
     return Result(std::move(msg));
 }
 
@@ -358,6 +367,18 @@ void KxIpclibStream::deferredDispatch()
 {
     Lock lock(m_mutex);
     queueDispatch();
+}
+
+void KxIpclibStream::dispatchInline()
+{
+    Lock lock(m_mutex);
+    if (!m_accepted || m_incoming.empty() || m_dispatchState != 0 || !m_dispatchTask)
+        return;
+    // Taken as if the task were queued: a pass on another thread meanwhile
+    // only adds to m_incoming, and the loop in dispatch delivers it in order.
+    m_dispatchState = 1;
+    lock.unlock();
+    dispatch();
 }
 
 void KxIpclibStream::shutdown()

@@ -2,8 +2,10 @@
 // KxIpclibStream: one bidirectional, message-oriented conversation with a
 // stream of the peer, carried over a link. It rebuilds messages from blocks,
 // runs the open/close handshake, and delivers received messages in order to
-// the application's receive function on the executor, never from inside the
-// link's receive pass. Sends go to the link without copying.
+// the application's receive function after the link's receive pass, never
+// from inside it: on the receiving thread when the stream has no delivery
+// running or queued, else on the executor. Sends go to the link without
+// copying, and are written on the sending thread when the channel is free.
 //
 // Threads: application operations, recvBlock, the close timer and the dispatch
 // task serialise on m_mutex; onRecv runs on the executor without it, one
@@ -84,6 +86,10 @@ public:
     // Called by the rest of the library.
     KxIpcStatusCode recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload);
     void deferredDispatch();
+    // After a receive pass, on the receiving thread: runs the deliveries here
+    // when none is running or queued, else leaves them to the one that is.
+    // What the receive function throws comes out of this call.
+    void dispatchInline();
     void onSendComplete(const std::shared_ptr<KxIpclibMsg>& msg);
     void shutdown();
     // For a stream the peer opened: accept answers the "Open".
