@@ -2,7 +2,7 @@
 
 DriveClient::DriveClient(SendFunction send) : m_send(std::move(send)) {}
 
-void DriveClient::OnMessage(const uint8_t* data, size_t size)
+void DriveClient::OnMessage(const uint8_t* data, size_t size, std::shared_ptr<const void> keep)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (size == 0) {
@@ -20,9 +20,15 @@ void DriveClient::OnMessage(const uint8_t* data, size_t size)
         ++m_stray;
         return;
     }
+    if (!keep) {
+        auto copy = std::make_shared<std::vector<uint8_t>>(data, data + size);
+        data = copy->data();
+        keep = std::move(copy);
+    }
     it->second.done = true;
     it->second.reply.header = header;
-    it->second.reply.payload.assign(data + DR_RSP_HEADER_SIZE, data + size);
+    it->second.reply.payload = ByteView(data + DR_RSP_HEADER_SIZE, size - DR_RSP_HEADER_SIZE);
+    it->second.reply.storage = std::move(keep);
     m_changed.notify_all();
 }
 

@@ -21,9 +21,29 @@
 #include <string>
 #include <vector>
 
+// Bytes that live inside a reply's storage.
+class ByteView {
+public:
+    ByteView() = default;
+    ByteView(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    const uint8_t* data() const { return m_data; }
+    size_t size() const { return m_size; }
+    bool empty() const { return m_size == 0; }
+    const uint8_t* begin() const { return m_data; }
+    const uint8_t* end() const { return m_data + m_size; }
+    uint8_t operator[](size_t i) const { return m_data[i]; }
+
+private:
+    const uint8_t* m_data = nullptr;
+    size_t m_size = 0;
+};
+
+// A reply's payload is not copied out of the message that carried it: the
+// reply keeps that message alive instead.
 struct DriveReply {
     DR_RSP_HEADER header;
-    std::vector<uint8_t> payload;
+    ByteView payload;
+    std::shared_ptr<const void> storage;
 };
 
 class DriveClient {
@@ -33,8 +53,10 @@ public:
 
     explicit DriveClient(SendFunction send);
 
-    // Every message from the worker, in order; size 0 means the channel is down.
-    void OnMessage(const uint8_t* data, size_t size);
+    // Every message from the worker, in order; size 0 means the channel is
+    // down. `keep` holds the bytes for as long as the reply is used; without
+    // it they are copied.
+    void OnMessage(const uint8_t* data, size_t size, std::shared_ptr<const void> keep = nullptr);
 
     uint64_t NextIoContext();
     // Sends a request whose reply will be waited for with Wait(ioContext).

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <deque>
 
-DriveSession::DriveSession(DriveClient& client, std::chrono::milliseconds timeout)
-    : m_client(client), m_timeout(timeout)
+DriveSession::DriveSession(DriveClient& client, std::chrono::milliseconds timeout, uint32_t chunk)
+    : m_client(client), m_timeout(timeout), m_chunk(std::clamp<uint32_t>(chunk, 1, kChunk))
 {
 }
 
@@ -98,7 +98,7 @@ bool DriveSession::ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
     crc = 0;
     while (done < size) {
         while (window.size() < kWindow && next < size) {
-            const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(kChunk, size - next));
+            const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(m_chunk, size - next));
             const uint64_t io = m_client.NextIoContext();
             if (!m_client.Submit(io, EncodeReadRequest(io, letter, 0, offset + next, length))) {
                 error = "the request could not be sent";
@@ -152,13 +152,13 @@ bool DriveSession::WriteRange(uint8_t letter, uint64_t offset, uint64_t size,
         uint32_t length;
     };
     std::deque<InFlight> window;
-    std::vector<uint8_t> chunk(kChunk);
+    std::vector<uint8_t> chunk(m_chunk);
     uint64_t next = 0;
     uint64_t done = 0;
     crc = 0;
     while (done < size) {
         while (window.size() < kWindow && next < size) {
-            const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(kChunk, size - next));
+            const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(m_chunk, size - next));
             if (!source(chunk.data(), length)) {
                 error = "the source could not be read";
                 return false;

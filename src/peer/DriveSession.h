@@ -14,13 +14,17 @@
 
 class DriveSession {
 public:
-    static constexpr uint32_t kChunk = 1u << 20;
+    // Whole 4 KiB blocks of drive data per request: with a read reply's
+    // header and count, or a write request's header, it fits one transfer
+    // of the largest section, so no message is split or copied twice.
+    static constexpr uint32_t kChunk = 1020u << 10;
     static constexpr unsigned kWindow = 8;
 
     // Called after every finished chunk of a copy with (bytes done, total).
     using Progress = std::function<void(uint64_t, uint64_t)>;
 
-    DriveSession(DriveClient& client, std::chrono::milliseconds timeout);
+    // `chunk`: drive bytes per request of the range operations, at most kChunk.
+    DriveSession(DriveClient& client, std::chrono::milliseconds timeout, uint32_t chunk = kChunk);
 
     bool Query(uint8_t letter, const std::u16string& path, DR_QUERY_DISK_RSP& info, std::string& error);
     bool Read(uint8_t letter, uint64_t offset, uint32_t length, std::vector<uint8_t>& data, std::string& error);
@@ -46,4 +50,5 @@ private:
 
     DriveClient& m_client;
     std::chrono::milliseconds m_timeout;
+    uint32_t m_chunk;
 };

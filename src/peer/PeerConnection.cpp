@@ -1,7 +1,10 @@
 #include "peer/PeerConnection.h"
 
+#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
 #include "corvantabase/Uuid.h"
+#include "peer/DriveSession.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf.h"
 
@@ -16,6 +19,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 
 extern char** environ;
 
@@ -117,7 +121,7 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
     }
 
     KxIpclibClientOptions clientOptions;
-    clientOptions.sectionSize = 1048575;
+    clientOptions.sectionSize = KxIpclibMaxSectionSize;
     clientOptions.readyTimeout = options.timeout;
     clientOptions.callTimeout = options.timeout;
     clientOptions.openTimeout = options.timeout;
@@ -125,7 +129,10 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
     auto connected = KxIpclibClient::connect(
         endpoint, *streamName,
         [client](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-            client->OnMessage(msg ? msg->data() : nullptr, msg ? msg->size() : 0);
+            if (msg)
+                client->OnMessage(msg->data(), msg->size(), msg);
+            else
+                client->OnMessage(nullptr, 0);
         },
         clientOptions);
     if (!connected) {
@@ -135,6 +142,15 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
     connection->m_link = std::move(*connected);
     connection->m_stream = connection->m_link->firstStream();
     return connection;
+}
+
+uint32_t PeerConnection::chunkSize() const
+{
+    const uint32_t section = m_link ? m_link->sectionSize() : KxIpclibMaxSectionSize;
+    const uint32_t room = section - KxIpclibTransferHeaderSize - KxIpclibFirstBlockHeaderSize;
+    const uint32_t overhead = static_cast<uint32_t>(DR_RSP_HEADER_SIZE + DR_READ_RSP_SIZE);
+    const uint32_t chunk = room > overhead + 4096 ? (room - overhead) / 4096 * 4096 : 4096;
+    return std::min(chunk, DriveSession::kChunk);
 }
 
 int PeerConnection::Close()

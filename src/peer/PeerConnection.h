@@ -36,6 +36,11 @@ public:
     PeerConnection& operator=(const PeerConnection&) = delete;
 
     DriveClient& client() { return m_client; }
+    // Drive bytes per request such that a read's reply, and a write's
+    // request, fits one transfer of the link's section.
+    uint32_t chunkSize() const;
+    // The worker this connection started, or -1 when it joined one already listening.
+    pid_t workerPid() const { return m_workerPid; }
     // Closes the stream and the link; the exit code of the worker we started
     // (killed when it has not ended within the time-out), or 0.
     int Close();

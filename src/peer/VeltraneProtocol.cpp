@@ -458,7 +458,7 @@ int main(int argc, char** argv)
     }
     DriveClient& client = connection->client();
 
-    DriveSession session(client, std::chrono::seconds(options.timeoutSeconds));
+    DriveSession session(client, std::chrono::seconds(options.timeoutSeconds), connection->chunkSize());
     StepRunner runner(session, options);
     int exitCode = kPeerExitOk;
     for (const PeerStep& step : options.steps) {

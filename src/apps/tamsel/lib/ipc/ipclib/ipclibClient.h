@@ -16,6 +16,7 @@
 #include "apps/tamsel/lib/expected.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
 
 #include "platform/UniqueFd.h"
 #include "task/TaskExecutor.h"
@@ -32,7 +33,9 @@ namespace tamsel::ipc {
 class KxIpclibLinkSharedMemLinux;
 
 struct KxIpclibClientOptions {
-    uint32_t sectionSize = 64 * 1024;
+    // The largest the server grants: one transfer then carries a whole
+    // message of up to a MiB, in one copy each side.
+    uint32_t sectionSize = KxIpclibMaxSectionSize;
     // Waiting for the server's ready file; the bootstrap reply; opening a further stream.
     std::chrono::milliseconds readyTimeout{30000};
     std::chrono::milliseconds callTimeout{30000};

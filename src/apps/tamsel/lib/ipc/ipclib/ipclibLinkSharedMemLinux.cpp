@@ -114,7 +114,10 @@ KxIpcStatusCode KxIpclibLinkSharedMemLinux::start(std::shared_ptr<tamsel::task::
     KXIPC_TRACE(Link, "> m_state: {}, linkId: {:#x}", m_state, m_linkId);
     if (!m_sendChannel || !m_recvChannel || !executor)
         return KxIpcStatusInvalidState;
-    m_recvBuffer.assign(m_sectionSize, 0);
+    m_recvPool = std::make_shared<KxIpclibRecvBufferPool>(m_sectionSize);
+    m_recvStorage.buffer = m_recvPool->take();
+    if (!m_recvStorage.buffer)
+        return KxIpcStatusOutOfMemory;
     KxIpcStatusCode status = KxIpclibLink::start(executor, out);
     LinkLock lock(m_lock);
     if (status == KxIpcStatusSuccess) {
@@ -216,15 +219,23 @@ void KxIpclibLinkSharedMemLinux::onRecvReady()
 KxIpcStatusCode KxIpclibLinkSharedMemLinux::recv(KxIpclibStreamMap& streamsTouched)
 {
     KXIPC_TRACE(Link, "> m_state: {}, linkId: {:#x}", m_state, m_linkId);
-    const KxIpcStatusCode status =
-        readTransfer(m_recvChannel->view(), m_sectionSize, m_recvBuffer.data(), m_recvSeqNo,
+    KxIpcStatusCode status =
+        readTransfer(m_recvChannel->view(), m_sectionSize, m_recvStorage.buffer.get(), m_recvSeqNo,
                      [&](const KxIpclibBlock& block) {
                          auto stream = findStream(block.header.srcStreamId, block.header.destStreamId, streamsTouched);
                          if (!stream)
                              return KxIpcStatusSuccess;  // no such stream: skipped
-                         const KxIpcStatusCode result = stream->recvBlock(block.header, block.payload);
+                         const KxIpcStatusCode result = stream->recvBlock(block.header, block.payload,
+                                                                          &m_recvStorage);
                          return result == KxIpcStatusProtocolError ? result : KxIpcStatusSuccess;
                      });
+    if (status == KxIpcStatusSuccess && m_recvStorage.lent) {
+        // A message keeps this buffer: the next transfer goes into another.
+        m_recvStorage.lent = false;
+        m_recvStorage.buffer = m_recvPool->take();
+        if (!m_recvStorage.buffer)
+            status = KxIpcStatusOutOfMemory;
+    }
     if (status != KxIpcStatusSuccess) {
         linkError();  // the peer's buffer stays taken
         KXIPC_TRACE(Link, "< m_state: {}, linkId: {:#x}, status: {}", m_state, m_linkId, status);

@@ -14,6 +14,7 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelSharedMemLinux.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
 
 #include "platform/UniqueFd.h"
 #include "task/TaskContexts.h"
@@ -69,7 +70,8 @@ private:
     std::shared_ptr<KxIpclibLinkChannelSharedMemLinux> m_sendChannel;
     std::shared_ptr<KxIpclibLinkChannelSharedMemLinux> m_recvChannel;
     const uint32_t m_sectionSize;
-    std::vector<uint8_t> m_recvBuffer;
+    std::shared_ptr<KxIpclibRecvBufferPool> m_recvPool;
+    KxIpclibRecvStorage m_recvStorage;  // used by the one receive pass at a time
     uint64_t m_sendSeqNo = 0;
     uint64_t m_recvSeqNo = 0;  // used by the one receive pass at a time
     std::shared_ptr<tamsel::task::WtpWaitTaskContext> m_recvWait;

@@ -31,6 +31,23 @@ KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, 
     KXIPC_TRACE(Msg, "- srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
 }
 
+KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, uint64_t srcStreamId,
+                         uint64_t destStreamId, uint32_t size, const uint8_t* data, std::shared_ptr<const void> storage)
+    : m_msgId(nextMsgId()),
+      m_msgType(type),
+      m_flags(flags),
+      m_status(status),
+      m_srcStreamId(srcStreamId),
+      m_destStreamId(destStreamId),
+      m_size(size),
+      m_remaining(0),
+      m_data(const_cast<uint8_t*>(data)),  // only read: const is restored by the accessors
+      m_storage(std::move(storage)),
+      m_ownsBuffer(false)
+{
+    KXIPC_TRACE(Msg, "- srcStreamId: {:#x}, destStreamId: {:#x}, msgId: {}", m_srcStreamId, m_destStreamId, m_msgId);
+}
+
 KxIpclibMsg::KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, std::shared_ptr<KxIpclibStream> stream,
                          uint64_t srcStreamId, uint64_t destStreamId, uint32_t size, const void* data,
                          KxIpclibMsgCompletion completion)

@@ -32,6 +32,10 @@ public:
     // Receive form: an owning message of `totalSize` bytes, filled by appendData.
     KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, uint64_t srcStreamId, uint64_t destStreamId,
                 uint32_t totalSize);
+    // Receive form of a message that arrived whole: `size` bytes at `data`
+    // inside `storage`, which the message keeps alive; nothing to append.
+    KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, uint64_t srcStreamId, uint64_t destStreamId,
+                uint32_t size, const uint8_t* data, std::shared_ptr<const void> storage);
     // Send form: references `size` bytes at `data` (null only with size 0).
     KxIpclibMsg(KxIpclibMsgType type, uint32_t flags, uint32_t status, std::shared_ptr<KxIpclibStream> stream,
                 uint64_t srcStreamId, uint64_t destStreamId, uint32_t size, const void* data,
@@ -88,6 +92,7 @@ private:
     size_t m_capacity = 0;  // bytes allocated at m_data, when the buffer is ours
     uint32_t m_completionStatus = 0xFFFF;
     KxIpclibMsgCompletion m_completion;
+    std::shared_ptr<const void> m_storage;  // what a borrowed payload lives in
     bool m_ownsBuffer;
 };
 

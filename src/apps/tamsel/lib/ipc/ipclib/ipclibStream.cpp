@@ -309,6 +309,12 @@ void KxIpclibStream::decrementOustandingSends()
 
 KxIpcStatusCode KxIpclibStream::recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload)
 {
+    return recvBlock(header, payload, nullptr);
+}
+
+KxIpcStatusCode KxIpclibStream::recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload,
+                                          KxIpclibRecvStorage* storage)
+{
     Lock lock(m_mutex);
     KXIPC_TRACE(Stream, "> state: {}, streamId: {:#x}", m_state.load(), m_streamId);
     auto fail = [&](KxIpcStatusCode status) {
@@ -324,6 +330,21 @@ KxIpcStatusCode KxIpclibStream::recvBlock(const KxIpclibBlockHeader& header, con
     if (!receiving)
         return fail(KxIpcStatusInvalidState);
 
+    if (storage != nullptr && storage->buffer && header.first() && header.last() && !m_partial &&
+        header.msgType == static_cast<uint32_t>(KxIpclibMsgType::Msg) && header.payloadLength >= kBorrowBytes &&
+        header.totalSize == header.payloadLength) {
+        auto msg = std::make_shared<KxIpclibMsg>(KxIpclibMsgType::Msg, header.flags, header.status,
+                                                 header.srcStreamId, header.destStreamId, header.payloadLength,
+                                                 payload, storage->buffer);
+        storage->lent = true;
+        m_blockBytesReceived += KxIpclibFirstBlockHeaderSize + header.payloadLength;
+        m_bytesReceived += header.payloadLength;
+        ++m_msgsReceived;
+        addIncomingMessage(std::move(msg));
+        KXIPC_TRACE(Stream, "< state: {}, streamId: {:#x}, status: {}", m_state.load(), m_streamId,
+                    KxIpcStatusSuccess);
+        return KxIpcStatusSuccess;
+    }
     uint32_t headerLength = KxIpclibNextBlockHeaderSize;
     if (header.first()) {
         if (m_partial || header.totalSize < header.payloadLength)

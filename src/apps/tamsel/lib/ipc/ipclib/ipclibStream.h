@@ -15,6 +15,7 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
 #include "apps/tamsel/lib/expected.h"
 
@@ -85,6 +86,13 @@ public:
 
     // Called by the rest of the library.
     KxIpcStatusCode recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload);
+    // The same, for a payload inside the link's receive buffer: a large data
+    // message that arrives in one block keeps the buffer instead of a copy.
+    KxIpcStatusCode recvBlock(const KxIpclibBlockHeader& header, const uint8_t* payload,
+                              KxIpclibRecvStorage* storage);
+    // Data messages of at least this many bytes, whole in one block, borrow
+    // the receive buffer; smaller ones are cheaper to copy.
+    static constexpr uint32_t kBorrowBytes = 64u << 10;
     void deferredDispatch();
     // After a receive pass, on the receiving thread: runs the deliveries here
     // when none is running or queued, else leaves them to the one that is.
