@@ -22,7 +22,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <cstdint>
 #include <cstring>
+#include <functional>
 #include <thread>
 
 extern char** environ;
@@ -41,6 +44,9 @@ struct EchoServer {
     std::vector<std::shared_ptr<KxIpclibStream>> streams;
     std::vector<std::vector<std::vector<uint8_t>>> received;
     Counter messages;
+    // Deliveries of stream `gated` call `gate` after recording the message.
+    size_t gated = SIZE_MAX;
+    std::function<void()> gate;
 
     void accept(std::shared_ptr<KxIpclibStream> stream)
     {
@@ -60,10 +66,15 @@ struct EchoServer {
                 self->close(std::chrono::milliseconds::max());
                 return;
             }
+            std::function<void()> wait;
             {
                 std::lock_guard<std::mutex> guard(lock);
                 received[index].emplace_back(msg->data(), msg->data() + msg->size());
+                if (index == gated)
+                    wait = gate;
             }
+            if (wait)
+                wait();
             // The received message stays alive until its echo has gone out.
             self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
             messages.add();
@@ -71,12 +82,17 @@ struct EchoServer {
     }
 };
 
-// One server-side link to a freshly started peer process.
-class ShmLinkProcess : public ::testing::Test {
-protected:
-    void startPeer(uint32_t mode, TestLinkListener::Handler handler)
+// One server-side link to a freshly started peer process (shmLinkPeer in `mode`).
+struct PeerLink {
+    std::shared_ptr<TestLinkListener> listener;
+    std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
+    platform::UniqueFd control;
+    pid_t peer = -1;
+    std::shared_ptr<Counter> closed = std::make_shared<Counter>();
+
+    void start(const std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor>& executor, uint32_t mode,
+               TestLinkListener::Handler handler)
     {
-        executor = tamsel::task::LinuxThreadPoolExecutor::create();
         int pair[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
         platform::UniqueFd ours(pair[0]);
@@ -107,6 +123,34 @@ protected:
         ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
         unsigned int out = 0;
         ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    }
+
+    // The peer's exit code, once it has seen our side stop and been let go.
+    int finish()
+    {
+        if (!closed->waitFor(1))
+            return -1;
+        control.reset();
+        int status = 0;
+        if (::waitpid(peer, &status, 0) != peer)
+            return -1;
+        peer = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+};
+
+class ShmLinkProcess : public ::testing::Test {
+protected:
+    void startPeer(uint32_t mode, TestLinkListener::Handler handler)
+    {
+        executor = tamsel::task::LinuxThreadPoolExecutor::create();
+        PeerLink started;
+        started.closed = closed;
+        started.start(executor, mode, std::move(handler));
+        listener = std::move(started.listener);
+        link = std::move(started.link);
+        control = std::move(started.control);
+        peer = started.peer;
     }
 
     int waitPeer()
@@ -178,6 +222,56 @@ TEST_F(ShmLinkProcess, TwoProcessesExchangeEveryByteInBothDirections)
     executor.reset();
     control.reset();
     EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(ShmLinkProcess, AReceiveFunctionThatBlocksHoldsUpNoOtherStreamOrLink)
+{
+    // The first stream's receive function blocks on its first message, as a
+    // request on a slow drive does; it runs on whichever thread received it.
+    std::mutex gateLock;
+    std::condition_variable gateChanged;
+    bool open = false;
+    Counter blocked;
+    const size_t first = 0;  // the first stream the peer opens
+    server.gated = first;
+    server.gate = [&] {
+        std::unique_lock<std::mutex> guard(gateLock);
+        blocked.add();
+        gateChanged.wait(guard, [&] { return open; });
+    };
+    startPeer(1, [&](std::shared_ptr<KxIpclibStream> s) { server.accept(std::move(s)); });
+    ASSERT_TRUE(blocked.waitFor(1));
+    const auto sizes = MessageSizes(kSection);
+    // Meanwhile the link's other streams get every message echoed...
+    EXPECT_TRUE(WaitUntil([&] {
+        std::lock_guard<std::mutex> guard(server.lock);
+        return server.received.size() == 3 && server.received[1].size() == sizes.size() &&
+               server.received[2].size() == sizes.size();
+    })) << "the other streams of the link were held up";
+    // ...and a second link on the same executor is served whole.
+    EchoServer other;
+    PeerLink second;
+    second.start(executor, 1, [&](std::shared_ptr<KxIpclibStream> s) { other.accept(std::move(s)); });
+    EXPECT_EQ(second.finish(), 0) << "the second link's peer saw a wrong echo or failed";
+    {
+        std::lock_guard<std::mutex> guard(server.lock);
+        EXPECT_LE(server.received[first].size(), 1u);
+    }
+    {
+        std::lock_guard<std::mutex> guard(gateLock);
+        open = true;
+        gateChanged.notify_all();
+    }
+    EXPECT_TRUE(closed->waitFor(1));
+    control.reset();
+    ASSERT_EQ(waitPeer(), 0) << "the peer saw a wrong echo or failed";
+    std::lock_guard<std::mutex> guard(server.lock);
+    ASSERT_EQ(server.received[first].size(), sizes.size());
+    for (uint32_t i = 0; i < sizes.size(); ++i)
+        EXPECT_TRUE(server.received[first][i] == PatternMessage(static_cast<uint32_t>(first), i, sizes[i]))
+            << "message " << i << " of the held stream";
+    second.link.reset();
+    other.streams.clear();
 }
 
 TEST_F(ShmLinkProcess, APeerThatNeverFreesTheBufferGetsNothingAndItsDeathFailsTheLink)
