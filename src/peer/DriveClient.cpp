@@ -1,5 +1,18 @@
 #include "peer/DriveClient.h"
 
+#include <algorithm>
+
+namespace {
+
+inline void CpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+} // namespace
+
 DriveClient::DriveClient(SendFunction send) : m_send(std::move(send)) {}
 
 void DriveClient::OnMessage(const uint8_t* data, size_t size, std::shared_ptr<const void> keep)
@@ -7,6 +20,7 @@ void DriveClient::OnMessage(const uint8_t* data, size_t size, std::shared_ptr<co
     std::lock_guard<std::mutex> lock(m_mutex);
     if (size == 0) {
         m_down = true;
+        ++m_arrivals;
         m_changed.notify_all();
         return;
     }
@@ -29,6 +43,7 @@ void DriveClient::OnMessage(const uint8_t* data, size_t size, std::shared_ptr<co
     it->second.reply.header = header;
     it->second.reply.payload = ByteView(data + DR_RSP_HEADER_SIZE, size - DR_RSP_HEADER_SIZE);
     it->second.reply.storage = std::move(keep);
+    ++m_arrivals;
     m_changed.notify_all();
 }
 
@@ -73,8 +88,34 @@ std::optional<DriveReply> DriveClient::Wait(uint64_t ioContext, std::chrono::mil
         error = "no such request";
         return std::nullopt;
     }
-    const bool arrived =
-        m_changed.wait_for(lock, timeout, [&] { return it->second.done || m_down; }) && it->second.done;
+    const auto start = std::chrono::steady_clock::now();
+    const auto ready = [&] { return it->second.done || m_down; };
+    // Spin only while replies take less than kSpinLimit, for up to twice the
+    // last wait: a slow reply (a large read, a slow disk) costs no CPU.
+    constexpr int64_t kSpinLimitNs = 150000;
+    const int64_t last = m_lastWaitNs.load(std::memory_order_relaxed);
+    if (!ready() && last < kSpinLimitNs) {
+        const auto until = start + std::chrono::nanoseconds(std::min(2 * last + 20000, kSpinLimitNs));
+        uint64_t seen = m_arrivals.load(std::memory_order_acquire);
+        lock.unlock();
+        bool done = false;
+        while (!done && std::chrono::steady_clock::now() < until) {
+            for (int i = 0; i < 64 && m_arrivals.load(std::memory_order_acquire) == seen; ++i)
+                CpuRelax();
+            const uint64_t now = m_arrivals.load(std::memory_order_acquire);
+            if (now != seen) {
+                seen = now;
+                lock.lock();
+                done = ready();
+                lock.unlock();
+            }
+        }
+        lock.lock();
+    }
+    const bool arrived = m_changed.wait_for(lock, timeout, ready) && it->second.done;
+    m_lastWaitNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
+                           .count(),
+                       std::memory_order_relaxed);
     if (!arrived) {
         error = m_down ? "the worker closed the command stream" : "no reply in time";
         m_pending.erase(it);

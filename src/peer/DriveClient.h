@@ -10,6 +10,7 @@
 
 #include "worker/DriveRequests.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -65,7 +66,9 @@ public:
     // no-response ioContext).
     bool SendOnly(std::vector<uint8_t> record);
     // The reply to `ioContext`, or nothing on time-out or channel down (then
-    // `error` says which).
+    // `error` says which). While replies come back quickly the caller spins
+    // for a little before it sleeps: waking a sleeping thread costs more than
+    // such a reply takes.
     std::optional<DriveReply> Wait(uint64_t ioContext, std::chrono::milliseconds timeout, std::string& error);
 
     bool ChannelDown();
@@ -85,4 +88,9 @@ private:
     bool m_down = false;                    // guarded by m_mutex
     uint64_t m_stray = 0;                   // guarded by m_mutex
     uint64_t m_nextIoContext = 1;           // guarded by m_mutex
+    // Replies and channel-down events so far: a waiter that spins watches it
+    // without the lock.
+    std::atomic<uint64_t> m_arrivals{0};
+    // How long the last wait took; short waits are spun before sleeping.
+    std::atomic<int64_t> m_lastWaitNs{INT64_MAX};
 };
