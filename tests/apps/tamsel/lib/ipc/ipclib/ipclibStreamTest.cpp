@@ -3,6 +3,7 @@
 // peer's blocks do.
 
 #include "LoopbackLink.h"
+#include "common/ProcessProbe.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
 #include "task/LinuxThreadPoolExecutor.h"
@@ -12,6 +13,8 @@
 #include "platform/LittleEndian.h"
 
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include <condition_variable>
 #include <deque>
@@ -534,6 +537,55 @@ TEST_F(StreamPair, OutOfOrderAndMalformedBlocksAreProtocolErrors)
     ASSERT_TRUE(inbox.waitMessages(1));
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(inbox.messages(), std::vector<std::vector<uint8_t>>{data});
+}
+
+TEST_F(StreamPair, ALargeMessageWholeInOneBlockKeepsTheReceiveBufferUntilItIsGone)
+{
+    auto stream = std::make_shared<KxIpclibStream>(server, executor, u"s", Flags<KxIpclibStreamFlag>(), 77,
+                                                   KxIpclibStreamState::Init);
+    ASSERT_EQ(server->addStream(stream), KxIpcStatusSuccess);
+    Inbox& inbox = makeInbox();
+    ASSERT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(), inbox.function()), KxIpcStatusSuccess);
+
+    const uint32_t bufferSize = 256 * 1024;
+    auto pool = std::make_shared<KxIpclibRecvBufferPool>(bufferSize);
+    KxIpclibRecvStorage storage;
+    storage.buffer = pool->take();
+    ASSERT_TRUE(storage.buffer);
+    // As the link does: the block is parsed inside the receive buffer.
+    auto receive = [&](const std::vector<uint8_t>& raw) {
+        std::memcpy(storage.buffer.get(), raw.data(), raw.size());
+        KxIpclibBlock block;
+        EXPECT_EQ(readBlock(storage.buffer.get(), raw.size(), block), KxIpcStatusSuccess);
+        return stream->recvBlock(block.header, block.payload, &storage);
+    };
+    const auto large = Bytes(KxIpclibStream::kBorrowBytes, 7);
+    ASSERT_EQ(receive(Block(KxIpclibMsgType::Msg, 3, 77, 1, large, KxIpclibStream::kBorrowBytes)),
+              KxIpcStatusSuccess);
+    ASSERT_TRUE(storage.lent);
+    // The link reads its next transfer into another buffer; were the message
+    // not holding the first, the pool would hand that one out again here.
+    storage.lent = false;
+    storage.buffer.reset();
+    storage.buffer = pool->take();
+    auto spare = pool->take();
+    std::memset(storage.buffer.get(), 0xEE, bufferSize);
+    std::memset(spare.get(), 0xEE, bufferSize);
+    spare.reset();
+    const auto small = Bytes(1000, 9);
+    ASSERT_EQ(receive(Block(KxIpclibMsgType::Msg, 3, 77, 1, small, 1000)), KxIpcStatusSuccess);
+    EXPECT_FALSE(storage.lent) << "a small message is copied, not holding a whole buffer";
+    std::memset(storage.buffer.get(), 0xEE, bufferSize);
+
+    stream->deferredDispatch();
+    ASSERT_TRUE(inbox.waitMessages(2));
+    EXPECT_EQ(inbox.messages(), (std::vector<std::vector<uint8_t>>{large, small}));
+    EXPECT_EQ(stream->bytesReceived(), large.size() + small.size());
+    EXPECT_EQ(stream->msgsReceived(), 2u);
+    // Delivered and dropped: the lent buffer is back for reuse, beside the spare.
+    EXPECT_TRUE(WaitUntil([&] { return pool->freeCount() == 2; }));
+    storage.buffer.reset();
+    EXPECT_EQ(pool->freeCount(), 3u);
 }
 
 TEST_F(StreamPair, AHostileUnitFailsTheLinkAndAControlMessageOtherThanOpenIsContained)
