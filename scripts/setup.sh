@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, whatever the build, the tests and the demo
-# need and this machine does not have yet.
+# need and this machine does not have yet, and any further packages named on
+# its command line.
 set -euo pipefail
 
 packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev
   libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev libisal-dev
   util-linux mount e2fsprogs
+  "$@"
 )
 
 missing=()
