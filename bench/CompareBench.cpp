@@ -236,10 +236,12 @@ void FillRandom(uint8_t* out, size_t count, uint64_t& state)
     }
 }
 
-bool WriteAt(int fd, const uint8_t* data, size_t size, uint64_t offset)
+// pwrite or pread until `size` bytes are done; false on an error or an early end.
+template <typename Byte, typename Call>
+bool WholeAt(Call call, int fd, Byte* data, size_t size, uint64_t offset)
 {
     while (size > 0) {
-        const ssize_t n = pwrite(fd, data, size, static_cast<off_t>(offset));
+        const ssize_t n = call(fd, data, size, static_cast<off_t>(offset));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -251,19 +253,14 @@ bool WriteAt(int fd, const uint8_t* data, size_t size, uint64_t offset)
     return true;
 }
 
+bool WriteAt(int fd, const uint8_t* data, size_t size, uint64_t offset)
+{
+    return WholeAt(::pwrite, fd, data, size, offset);
+}
+
 bool ReadAt(int fd, uint8_t* data, size_t size, uint64_t offset)
 {
-    while (size > 0) {
-        const ssize_t n = pread(fd, data, size, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-        offset += static_cast<uint64_t>(n);
-    }
-    return true;
+    return WholeAt(::pread, fd, data, size, offset);
 }
 
 bool MakeDenseFile(const std::string& path, uint64_t size)

@@ -232,17 +232,13 @@ private:
 
     bool WriteAt(const uint8_t* data, size_t size, uint64_t offset)
     {
-        while (size > 0) {
-            const ssize_t n = pwrite(m_fd, data, size, static_cast<off_t>(offset));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return false;
-            data += n;
-            size -= static_cast<size_t>(n);
-            offset += static_cast<uint64_t>(n);
-        }
-        return true;
+        auto at = [&offset](int fd, const uint8_t* bytes, size_t count) {
+            const ssize_t n = pwrite(fd, bytes, count, static_cast<off_t>(offset));
+            if (n > 0)
+                offset += static_cast<uint64_t>(n);
+            return n;
+        };
+        return Whole(at, m_fd, data, size);
     }
 
     int m_fd;
