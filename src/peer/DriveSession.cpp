@@ -47,6 +47,20 @@ bool DriveSession::Query(uint8_t letter, const std::u16string& path, DR_QUERY_DI
 bool DriveSession::Read(uint8_t letter, uint64_t offset, uint32_t length, std::vector<uint8_t>& data,
                         std::string& error)
 {
+    if (length > m_chunk) {
+        // Several requests in flight at once, each reply fitting one transfer,
+        // straight into `data`: no reply is split and put back together first.
+        data.clear();
+        data.reserve(length);
+        uint64_t done = 0;
+        return Range(
+            letter, offset, length,
+            [&data](const uint8_t* bytes, size_t count) {
+                data.insert(data.end(), bytes, bytes + count);
+                return true;
+            },
+            true, nullptr, done, nullptr, error);
+    }
     const uint64_t io = m_client.NextIoContext();
     auto reply = Call(EncodeReadRequest(io, letter, 0, offset, length), io, error);
     if (!reply || !CheckStatus(*reply, "read", error))
@@ -87,6 +101,13 @@ bool DriveSession::ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
                             const std::function<bool(const uint8_t*, size_t)>& sink, bool allowShort, uint32_t& crc,
                             uint64_t& done, const Progress& progress, std::string& error)
 {
+    return Range(letter, offset, size, sink, allowShort, &crc, done, progress, error);
+}
+
+bool DriveSession::Range(uint8_t letter, uint64_t offset, uint64_t size,
+                         const std::function<bool(const uint8_t*, size_t)>& sink, bool allowShort, uint32_t* crc,
+                         uint64_t& done, const Progress& progress, std::string& error)
+{
     struct InFlight {
         uint64_t io;
         uint64_t offset;
@@ -95,7 +116,8 @@ bool DriveSession::ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
     std::deque<InFlight> window;
     uint64_t next = 0;
     done = 0;
-    crc = 0;
+    if (crc)
+        *crc = 0;
     while (done < size) {
         while (window.size() < kWindow && next < size) {
             const uint32_t length = static_cast<uint32_t>(std::min<uint64_t>(m_chunk, size - next));
@@ -129,7 +151,8 @@ bool DriveSession::ReadRange(uint8_t letter, uint64_t offset, uint64_t size,
             return false;
         }
         const uint8_t* bytes = reply->payload.data() + DR_READ_RSP_SIZE;
-        crc = crc32_gzip_refl(crc, bytes, bytesRead);
+        if (crc)
+            *crc = crc32_gzip_refl(*crc, bytes, bytesRead);
         if (!sink(bytes, bytesRead)) {
             error = "the data could not be stored";
             return false;

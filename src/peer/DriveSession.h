@@ -27,6 +27,8 @@ public:
     DriveSession(DriveClient& client, std::chrono::milliseconds timeout, uint32_t chunk = kChunk);
 
     bool Query(uint8_t letter, const std::u16string& path, DR_QUERY_DISK_RSP& info, std::string& error);
+    // `data` gets the bytes read, fewer than `length` where the drive ends. A
+    // read longer than one request is sent as several, in flight together.
     bool Read(uint8_t letter, uint64_t offset, uint32_t length, std::vector<uint8_t>& data, std::string& error);
     bool Write(uint8_t letter, uint64_t offset, const uint8_t* data, uint32_t length, std::string& error);
     // A release has no reply; false only when it could not be sent.
@@ -45,6 +47,9 @@ public:
                     std::string& error);
 
 private:
+    // ReadRange without the CRC when `crc` is null.
+    bool Range(uint8_t letter, uint64_t offset, uint64_t size, const std::function<bool(const uint8_t*, size_t)>& sink,
+               bool allowShort, uint32_t* crc, uint64_t& done, const Progress& progress, std::string& error);
     std::optional<DriveReply> Call(std::vector<uint8_t> record, uint64_t ioContext, std::string& error);
     bool CheckStatus(const DriveReply& reply, const char* what, std::string& error);
 

@@ -7,6 +7,7 @@
 #include "peer/PeerCommandLine.h"
 
 #include "platform/LittleEndian.h"
+#include "platform/NtStatus.h"
 
 #include <gtest/gtest.h>
 
@@ -220,4 +221,68 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
     // Allowed, a short reply ends the range where the drive ends.
     ASSERT_TRUE(session.ReadRange('E', 0, size, ignore, true, crc, done, nullptr, error)) << error;
     EXPECT_EQ(done, 2 * DriveSession::kChunk - 1);
+}
+
+TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackInOrder)
+{
+    // A drive of `driveEnd` bytes, each equal to its offset's low byte.
+    uint64_t driveEnd = 2 * uint64_t{DriveSession::kChunk} + 100;
+    std::vector<uint32_t> lengths;
+    DriveClient* clientRef = nullptr;
+    DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
+        DR_REQ_HEADER header;
+        DecodeRequestHeader(record->data(), record->size(), header);
+        platform::LeReader reader(record->data() + DR_REQ_HEADER_SIZE, record->size() - DR_REQ_HEADER_SIZE);
+        uint32_t id = 0, reserved = 0, length = 0;
+        uint64_t offset = 0;
+        reader.u32(id);
+        reader.u32(reserved);
+        reader.u64(offset);
+        reader.u32(length);
+        lengths.push_back(length);
+        if (offset >= driveEnd) {
+            auto reply = Reply(header.ioContext, platform::STATUS_END_OF_FILE, {});
+            clientRef->OnMessage(reply.data(), reply.size());
+            return true;
+        }
+        const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(length, driveEnd - offset));
+        std::vector<uint8_t> payload(4 + count);
+        platform::StoreLe<uint32_t>(payload.data(), count);
+        for (uint32_t i = 0; i < count; ++i)
+            payload[4 + i] = static_cast<uint8_t>(offset + i);
+        auto reply = Reply(header.ioContext, 0, payload);
+        clientRef->OnMessage(reply.data(), reply.size());
+        return true;
+    });
+    clientRef = &client;
+    DriveSession session(client, std::chrono::seconds(30));
+    auto inOrder = [](const std::vector<uint8_t>& data, uint64_t from) {
+        for (size_t i = 0; i < data.size(); ++i)
+            if (data[i] != static_cast<uint8_t>(from + i))
+                return false;
+        return true;
+    };
+
+    std::vector<uint8_t> data;
+    std::string error;
+    ASSERT_TRUE(session.Read('E', 7, 2 * DriveSession::kChunk + 50, data, error)) << error;
+    EXPECT_EQ(data.size(), 2 * DriveSession::kChunk + 50);
+    EXPECT_TRUE(inOrder(data, 7));
+    EXPECT_EQ(lengths.size(), 3u);
+    for (uint32_t length : lengths)
+        EXPECT_LE(length, DriveSession::kChunk);
+
+    // Past the drive's end the read comes back short, whichever request finds it.
+    driveEnd = DriveSession::kChunk + 10;
+    ASSERT_TRUE(session.Read('E', 0, 3 * DriveSession::kChunk, data, error)) << error;
+    EXPECT_EQ(data.size(), DriveSession::kChunk + 10);
+    EXPECT_TRUE(inOrder(data, 0));
+    // One request's worth or less is one request, as before.
+    lengths.clear();
+    ASSERT_TRUE(session.Read('E', 4096, 4096, data, error)) << error;
+    EXPECT_EQ(lengths.size(), 1u);
+    EXPECT_TRUE(inOrder(data, 4096));
+    // A read that starts past the end fails with the drive's status.
+    EXPECT_FALSE(session.Read('E', driveEnd, 2 * DriveSession::kChunk, data, error));
+    EXPECT_NE(error.find("STATUS_END_OF_FILE"), std::string::npos) << error;
 }
