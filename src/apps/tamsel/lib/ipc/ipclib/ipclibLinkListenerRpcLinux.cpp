@@ -155,24 +155,22 @@ KxIpcStatusCode KxIpclibLinkListenerRpcLinux::start(Flags<KxIpclibListenerFlag>,
         return KxIpcStatusAlreadyExists;
     }
     m_inTable = true;
-    if (!m_readyMade) {
-        // Not set: a ready file left by a server that died must not announce us early.
-        m_readyPath = KxIpclibReadyFilePath(m_runtimeDir, m_endpoint);
-        if (::unlink(m_readyPath.c_str()) != 0 && errno != ENOENT) {
-            const uint32_t rpcStatus = SystemStatusFromErrno(errno);
-            KXIPC_TRACE(Listener, "< rpcStatus: {}", rpcStatus);
-            unsigned int out = 0;
-            stop(out);
-            return KxIpcStatusFromSystem(rpcStatus);
-        }
-        m_readyMade = true;
-    }
     uint32_t rpcStatus = kSysSuccess;
     // In module mode the module owns the endpoint's socket.
     if (!useRpcServerModule())
         rpcStatus = bindEndpoint();
     if (rpcStatus == kSysSuccess)
         rpcStatus = rpcRegisterIf(*this, m_securityDescriptor);
+    if (rpcStatus == kSysSuccess && !m_readyMade) {
+        // Only once the endpoint is ours: a live server elsewhere keeps its
+        // ready file. A file left by a server that died must not announce us
+        // before `accepting`.
+        m_readyPath = KxIpclibReadyFilePath(m_runtimeDir, m_endpoint);
+        if (::unlink(m_readyPath.c_str()) != 0 && errno != ENOENT)
+            rpcStatus = SystemStatusFromErrno(errno);
+        else
+            m_readyMade = true;
+    }
     if (rpcStatus == kSysSuccess && m_socket) {
         m_wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         if (!m_wake)

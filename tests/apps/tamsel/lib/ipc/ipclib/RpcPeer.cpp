@@ -4,7 +4,7 @@
 //   refused S   connects and expects the call to fail with status S.
 //   hold        connects, then waits until the server takes the link down.
 //   v1          as echo 1, through the version-1 procedure.
-//   server      listens on ENDPOINT, accepts everything and waits to be killed.
+//   server      listens on ENDPOINT, echoes everything and waits to be killed.
 // Exit codes: 0 success, 1 a check failed, 2 set-up failed.
 
 #include "ShmHandOver.h"
@@ -94,7 +94,16 @@ int Serve(const _GUID& ep)
     if (lib->init(0) != KxIpcStatusSuccess)
         return 2;
     auto listener = lib->listen(ep, Flags<KxIpclibListenerFlag>(0x8), [](std::shared_ptr<KxIpclibStream> s) {
-        s->accept(Flags<KxIpclibStreamFlag>(), [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
+        std::weak_ptr<KxIpclibStream> weak = s;
+        s->accept(Flags<KxIpclibStreamFlag>(), [weak](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+            auto self = weak.lock();
+            if (!self)
+                return;
+            if (msg->size() == 0)
+                self->close(std::chrono::milliseconds::max());
+            else
+                self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
+        });
     }, nullptr);
     if (!listener || (*listener)->accepting() != KxIpcStatusSuccess)
         return 2;

@@ -442,6 +442,27 @@ TEST_F(RpcBootstrap, AStaleSocketLeftByAKilledServerIsRemovedAndReused)
     EXPECT_NE(::access(socketPath.c_str(), F_OK), 0) << "the closed listener left its socket behind";
 }
 
+TEST_F(RpcBootstrap, AStartRefusedByALiveServerInAnotherProcessLeavesItsSocketAndReadyFileAlone)
+{
+    Spawn({"server", EpText()});
+    ASSERT_EQ(KxIpclibWaitForReady(ep, 30s), KxIpcStatusSuccess);
+    const std::string socketPath = KxIpclibEndpointSocketPath(runtime.path(), ep);
+    struct stat before {};
+    ASSERT_EQ(::stat(socketPath.c_str(), &before), 0);
+
+    lib = std::make_shared<KxIpclib>();
+    ASSERT_EQ(lib->init(0), KxIpcStatusSuccess);
+    auto refused = lib->listen(ep, Flags<KxIpclibListenerFlag>(kLocal), [](std::shared_ptr<KxIpclibStream>) {},
+                               nullptr);
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(KxIpclibWaitForReady(ep, 1ms), KxIpcStatusSuccess) << "the refused start removed the ready file";
+    struct stat after {};
+    ASSERT_EQ(::stat(socketPath.c_str(), &after), 0) << "the refused start removed the live server's socket";
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    // And the live server still takes callers.
+    EXPECT_EQ(Wait(Spawn({"echo", EpText(), "1"})), 0);
+}
+
 TEST_F(RpcBootstrap, SectionSizeIsCappedBelowOneMebibyte)
 {
     StartServer();
