@@ -179,7 +179,10 @@ bool LxRegValue::AsUInt32(uint32_t& value) const
     if (!m_exists)
         return false;
     if (m_type == REG_DWORD || m_type == REG_QWORD) {
-        value = static_cast<uint32_t>(LoadNumber(m_data));
+        const uint64_t number = LoadNumber(m_data);
+        if (number > UINT32_MAX)
+            return false;  // out of range, not cut to its low half
+        value = static_cast<uint32_t>(number);
         return true;
     }
     if (m_type != REG_SZ && m_type != REG_EXPAND_SZ)

@@ -33,6 +33,8 @@ TEST_F(FileWriterTest, PropertiesAreCheckedAndLimitsFollowTheLevel)
     EXPECT_EQ(writer->SizeLimitBytes(), 0u);
     EXPECT_TRUE(writer->SetProperty("maxFileSizeMB", "0xFFFFFFFF"));
     EXPECT_EQ(writer->SizeLimitBytes(), 15 * kMB);
+    writer->SetProperty("maxFileSizeMB", "4294967296");  // out of range: ignored, not 0 (no limit)
+    EXPECT_EQ(writer->SizeLimitBytes(), 15 * kMB);
     logger->SetLevel(LOG_LEVEL_DEBUG);
     EXPECT_EQ(writer->SizeLimitBytes(), 50 * kMB);
     logger->SetLevel(LOG_LEVEL_VERBOSE);

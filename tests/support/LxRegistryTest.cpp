@@ -97,6 +97,15 @@ TEST_F(LxRegistryTest, ValuesTakeTheirTypeFromTheirTextAndReportOnlyRealChanges)
     EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
     EXPECT_EQ(value.GetType(), LxRegValue::REG_QWORD);
     EXPECT_EQ(value.AsString(), "4294967296");
+    EXPECT_FALSE(value.AsUInt32(number)) << "2^32 is out of range, not 0";
+    Put("HKLM/Software/Test", "SETTING", "4294967296 ");  // as text too
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_EQ(value.GetType(), LxRegValue::REG_SZ);
+    EXPECT_FALSE(value.AsUInt32(number));
+    Put("HKLM/Software/Test", "SETTING", "0xffffffff");
+    EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
+    EXPECT_TRUE(value.AsUInt32(number));
+    EXPECT_EQ(number, 0xFFFFFFFFu);
     Put("HKLM/Software/Test", "SETTING", "one\ntwo\n");
     EXPECT_TRUE(value.Load(LOG_LEVEL_VERBOSE));
     EXPECT_EQ(value.GetType(), LxRegValue::REG_MULTI_SZ);
