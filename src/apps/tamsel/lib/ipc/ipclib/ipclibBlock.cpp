@@ -63,8 +63,6 @@ KxIpcStatusCode readBlock(const uint8_t* data, size_t available, KxIpclibBlock& 
         return KxIpcStatusProtocolError;
     if (type == KxIpclibMsgType::Open && h.destStreamId != 0)
         return KxIpcStatusProtocolError;
-    if (!control && h.blockLength <= header)
-        return KxIpcStatusProtocolError;
     // Compared in 64 bits: a payloadLength near 2^32 must not wrap the sum.
     if (uint64_t{h.blockLength} != uint64_t{header} + h.payloadLength)
         return KxIpcStatusProtocolError;

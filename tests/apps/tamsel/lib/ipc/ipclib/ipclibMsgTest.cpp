@@ -166,6 +166,8 @@ TEST(KxIpclibBlock, MalformedHeadersAreProtocolErrors)
     EXPECT_EQ(Read(RawBlock(6, 2, 9, 41, 5, 41)), KxIpcStatusSuccess);  // continuation: 36 + 5
     EXPECT_EQ(Read(RawBlock(1, 3, 0, 44, 4, 44)), KxIpcStatusSuccess);  // open to stream 0
     EXPECT_EQ(Read(RawBlock(3, 3, 9, 40, 0, 40)), KxIpcStatusSuccess);  // close
+    EXPECT_EQ(Read(RawBlock(6, 3, 9, 40, 0, 40)), KxIpcStatusSuccess);  // an empty message
+    EXPECT_EQ(Read(RawBlock(6, 2, 9, 36, 0, 36)), KxIpcStatusSuccess);  // an empty continuation
     EXPECT_EQ(Read(RawBlock(6, 0x7FFF0003, 9, 45, 5, 45)), KxIpcStatusSuccess);
 
     EXPECT_EQ(Read(RawBlock(6, 3, 9, 45, 5, 45), 35), kBad);  // header cut short
@@ -177,7 +179,6 @@ TEST(KxIpclibBlock, MalformedHeadersAreProtocolErrors)
     EXPECT_EQ(Read(RawBlock(4, 1, 9, 40, 0, 40)), kBad);      // control not a single block
     EXPECT_EQ(Read(RawBlock(5, 2, 9, 36, 0, 40)), kBad);
     EXPECT_EQ(Read(RawBlock(1, 3, 5, 44, 4, 44)), kBad);      // open addressed to a stream
-    EXPECT_EQ(Read(RawBlock(6, 3, 9, 40, 0, 40)), kBad);      // data without payload
     EXPECT_EQ(Read(RawBlock(6, 3, 9, 46, 5, 46)), kBad);      // blockLength != header + payload
     EXPECT_EQ(Read(RawBlock(6, 3, 9, 45, 0xFFFFFFFD, 45)), kBad);  // a payload length that wraps the sum
     EXPECT_EQ(Read(RawBlock(6, 7, 9, 45, 5, 45)), kBad);      // unknown low flag bit

@@ -141,7 +141,10 @@ void Reseal(std::vector<uint8_t>& section)
 
 TEST(KxIpclibTransfer, BlocksComeOutAsTheyWentIn)
 {
-    const std::vector<std::vector<uint8_t>> messages = {Random(1, 1), Random(500, 2), Random(3000, 3)};
+    // An empty message is one block of header alone, and valid.
+    const std::vector<std::vector<uint8_t>> messages = {Random(1, 1), {}, Random(500, 2), Random(3000, 3)};
+    const auto section = Transfer(messages, 1);
+    EXPECT_EQ(platform::LoadLe<uint32_t>(section.data() + KxIpclibTransferHeaderSize + 41 + 28), 40u);
     uint64_t recvSeqNo = 0;
     auto first = ReadOne(Transfer(messages, 1), recvSeqNo);
     EXPECT_EQ(first.status, KxIpcStatusSuccess);
