@@ -40,6 +40,28 @@ std::vector<uint8_t> Reply(uint64_t ioContext, uint32_t status, const std::vecto
     return record;
 }
 
+// The ioContext, offset and length of a read request as the peer encoded it.
+struct ReadFields {
+    uint64_t ioContext = 0;
+    uint64_t offset = 0;
+    uint32_t length = 0;
+};
+
+ReadFields DecodeRead(const std::vector<uint8_t>& record)
+{
+    DR_REQ_HEADER header;
+    DecodeRequestHeader(record.data(), record.size(), header);
+    platform::LeReader reader(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE);
+    uint32_t id = 0, reserved = 0;
+    ReadFields fields;
+    fields.ioContext = header.ioContext;
+    reader.u32(id);
+    reader.u32(reserved);
+    reader.u64(fields.offset);
+    reader.u32(fields.length);
+    return fields;
+}
+
 } // namespace
 
 TEST(PeerCommandLine, StepsRunInOrderWithTheirArguments)
@@ -161,30 +183,17 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
         // Hold the first request back until a second one is sent, so the test
         // fails if the session waits for each reply before sending on; the
         // last request of the range is answered at once.
-        const auto& last = *queue.back();
-        platform::LeReader tail(last.data() + DR_REQ_HEADER_SIZE + 8, 12);
-        uint64_t lastOffset = 0;
-        uint32_t lastLength = 0;
-        tail.u64(lastOffset);
-        tail.u32(lastLength);
-        if (queue.size() < 2 && lastOffset + lastLength < rangeEnd)
+        const ReadFields last = DecodeRead(*queue.back());
+        if (queue.size() < 2 && last.offset + last.length < rangeEnd)
             return true;
         for (auto& r : queue) {
-            DR_REQ_HEADER header;
-            DecodeRequestHeader(r->data(), r->size(), header);
-            platform::LeReader reader(r->data() + DR_REQ_HEADER_SIZE, r->size() - DR_REQ_HEADER_SIZE);
-            uint32_t id = 0, reserved = 0, length = 0;
-            uint64_t offset = 0;
-            reader.u32(id);
-            reader.u32(reserved);
-            reader.u64(offset);
-            reader.u32(length);
+            const auto [ioContext, offset, length] = DecodeRead(*r);
             const uint32_t count = offset == shortAt ? length - 1 : length;
             std::vector<uint8_t> payload(4 + count);
             platform::StoreLe<uint32_t>(payload.data(), count);
             for (uint32_t i = 0; i < count; ++i)
                 payload[4 + i] = static_cast<uint8_t>(offset + i);
-            auto reply = Reply(header.ioContext, 0, payload);
+            auto reply = Reply(ioContext, 0, payload);
             clientRef->OnMessage(reply.data(), reply.size());
         }
         queue.clear();
@@ -230,18 +239,10 @@ TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackI
     std::vector<uint32_t> lengths;
     DriveClient* clientRef = nullptr;
     DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
-        DR_REQ_HEADER header;
-        DecodeRequestHeader(record->data(), record->size(), header);
-        platform::LeReader reader(record->data() + DR_REQ_HEADER_SIZE, record->size() - DR_REQ_HEADER_SIZE);
-        uint32_t id = 0, reserved = 0, length = 0;
-        uint64_t offset = 0;
-        reader.u32(id);
-        reader.u32(reserved);
-        reader.u64(offset);
-        reader.u32(length);
+        const auto [ioContext, offset, length] = DecodeRead(*record);
         lengths.push_back(length);
         if (offset >= driveEnd) {
-            auto reply = Reply(header.ioContext, platform::STATUS_END_OF_FILE, {});
+            auto reply = Reply(ioContext, platform::STATUS_END_OF_FILE, {});
             clientRef->OnMessage(reply.data(), reply.size());
             return true;
         }
@@ -250,7 +251,7 @@ TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackI
         platform::StoreLe<uint32_t>(payload.data(), count);
         for (uint32_t i = 0; i < count; ++i)
             payload[4 + i] = static_cast<uint8_t>(offset + i);
-        auto reply = Reply(header.ioContext, 0, payload);
+        auto reply = Reply(ioContext, 0, payload);
         clientRef->OnMessage(reply.data(), reply.size());
         return true;
     });
