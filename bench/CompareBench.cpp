@@ -25,6 +25,7 @@
 #include "platform/MallocTuning.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf.h"
+#include "platform/WholeIo.h"
 
 #include <isa-l/crc.h>
 
@@ -236,31 +237,14 @@ void FillRandom(uint8_t* out, size_t count, uint64_t& state)
     }
 }
 
-// pwrite or pread until `size` bytes are done; false on an error or an early end.
-template <typename Byte, typename Call>
-bool WholeAt(Call call, int fd, Byte* data, size_t size, uint64_t offset)
-{
-    while (size > 0) {
-        const ssize_t n = call(fd, data, size, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-        offset += static_cast<uint64_t>(n);
-    }
-    return true;
-}
-
 bool WriteAt(int fd, const uint8_t* data, size_t size, uint64_t offset)
 {
-    return WholeAt(::pwrite, fd, data, size, offset);
+    return platform::WriteWholeAt(fd, data, size, offset);
 }
 
 bool ReadAt(int fd, uint8_t* data, size_t size, uint64_t offset)
 {
-    return WholeAt(::pread, fd, data, size, offset);
+    return platform::ReadWholeAt(fd, data, size, offset);
 }
 
 bool MakeDenseFile(const std::string& path, uint64_t size)

@@ -11,6 +11,7 @@
 #include "platform/MallocTuning.h"
 #include "platform/UniqueFd.h"
 #include "platform/Utf.h"
+#include "platform/WholeIo.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -68,32 +69,8 @@ void PrintThroughput(const char* what, uint64_t bytes, Clock::duration elapsed)
                 seconds > 0 ? bytes / seconds / (1 << 20) : 0.0);
 }
 
-// Moves `size` bytes with read or write, however many calls it takes; false
-// on an error or an early end of file.
-template <typename Byte, typename Call>
-bool Whole(Call call, int fd, Byte* data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = call(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool WriteWhole(int fd, const uint8_t* data, size_t size)
-{
-    return Whole(::write, fd, data, size);
-}
-
-bool ReadWhole(int fd, uint8_t* data, size_t size)
-{
-    return Whole(::read, fd, data, size);
-}
+using platform::ReadWhole;
+using platform::WriteWhole;
 
 // Zeros for the CRC of a hole and for telling a zero block from data.
 constexpr size_t kZerosSize = 1 << 16;
@@ -232,13 +209,7 @@ private:
 
     bool WriteAt(const uint8_t* data, size_t size, uint64_t offset)
     {
-        auto at = [&offset](int fd, const uint8_t* bytes, size_t count) {
-            const ssize_t n = pwrite(fd, bytes, count, static_cast<off_t>(offset));
-            if (n > 0)
-                offset += static_cast<uint64_t>(n);
-            return n;
-        };
-        return Whole(at, m_fd, data, size);
+        return platform::WriteWholeAt(m_fd, data, size, offset);
     }
 
     int m_fd;

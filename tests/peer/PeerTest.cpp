@@ -62,6 +62,16 @@ ReadFields DecodeRead(const std::vector<uint8_t>& record)
     return fields;
 }
 
+// A successful read reply of `count` bytes, each its offset's low byte.
+std::vector<uint8_t> OffsetBytesReply(uint64_t ioContext, uint64_t offset, uint32_t count)
+{
+    std::vector<uint8_t> payload(4 + count);
+    platform::StoreLe<uint32_t>(payload.data(), count);
+    for (uint32_t i = 0; i < count; ++i)
+        payload[4 + i] = static_cast<uint8_t>(offset + i);
+    return Reply(ioContext, 0, payload);
+}
+
 } // namespace
 
 TEST(PeerCommandLine, StepsRunInOrderWithTheirArguments)
@@ -188,12 +198,7 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
             return true;
         for (auto& r : queue) {
             const auto [ioContext, offset, length] = DecodeRead(*r);
-            const uint32_t count = offset == shortAt ? length - 1 : length;
-            std::vector<uint8_t> payload(4 + count);
-            platform::StoreLe<uint32_t>(payload.data(), count);
-            for (uint32_t i = 0; i < count; ++i)
-                payload[4 + i] = static_cast<uint8_t>(offset + i);
-            auto reply = Reply(ioContext, 0, payload);
+            auto reply = OffsetBytesReply(ioContext, offset, offset == shortAt ? length - 1 : length);
             clientRef->OnMessage(reply.data(), reply.size());
         }
         queue.clear();
@@ -246,12 +251,8 @@ TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackI
             clientRef->OnMessage(reply.data(), reply.size());
             return true;
         }
-        const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(length, driveEnd - offset));
-        std::vector<uint8_t> payload(4 + count);
-        platform::StoreLe<uint32_t>(payload.data(), count);
-        for (uint32_t i = 0; i < count; ++i)
-            payload[4 + i] = static_cast<uint8_t>(offset + i);
-        auto reply = Reply(ioContext, 0, payload);
+        auto reply = OffsetBytesReply(ioContext, offset,
+                                      static_cast<uint32_t>(std::min<uint64_t>(length, driveEnd - offset)));
         clientRef->OnMessage(reply.data(), reply.size());
         return true;
     });
