@@ -267,7 +267,14 @@ TEST_F(StreamPair, CloseFromTheOpenerDeliversEndOfStreamOnceAfterAllData)
     for (const auto& data : sent)
         ASSERT_TRUE(stream->send(0, static_cast<uint32_t>(data.size()), data.data(), Ignore()));
     EXPECT_EQ(stream->close(1000ms), KxIpcStatusSuccess);
-    EXPECT_EQ(stream->close(1000ms), KxIpcStatusInvalidState);  // already closing on our side
+    // A second close is refused while ours is under way; the peer's answer may
+    // already have closed the stream (it can come back on the sending thread),
+    // and then there is nothing to do.
+    const KxIpcStatusCode again = stream->close(1000ms);
+    if (again == KxIpcStatusSuccess)
+        EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
+    else
+        EXPECT_EQ(again, KxIpcStatusInvalidState);
     auto late = stream->send(0, 4, "late", Ignore());
     ASSERT_FALSE(late);
     EXPECT_EQ(late.error(), KxIpcStatusInvalidState);
