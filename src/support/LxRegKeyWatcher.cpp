@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -28,9 +30,6 @@ LxRegKeyWatcher::LxRegKeyWatcher(RCPtr<LxRegKey> key, bool watchSubtree)
       m_watchSubtree(watchSubtree),
       m_inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
 {
-    if (m_watchSubtree)
-        LOG_DEBUG("LxRegKeyWatcher::LxRegKeyWatcher()", "%s: sub-keys are not watched on this platform",
-                  m_key->GetLocation().c_str());
     if (m_inotify >= 0)
         SetEvent(LxEvent(m_inotify, true));
     else
@@ -55,21 +54,69 @@ bool LxRegKeyWatcher::WatchRegKey()
     }
     // The watch is the handle here. An open folder would hold back the
     // notice that the key was deleted until the folder is closed.
+    m_watchedPath = m_key->GetPath();
     m_key->CloseKey();
+    if (m_watchSubtree && !WatchSubKeys()) {
+        Unwatch();
+        return false;
+    }
+    return true;
+}
+
+bool LxRegKeyWatcher::WatchSubKeys()
+{
+    namespace fs = std::filesystem;
+    const std::string& root = m_watchedPath;
+    std::set<int> watches;
+    std::vector<fs::path> folders{root};
+    while (!folders.empty()) {
+        const fs::path folder = std::move(folders.back());
+        folders.pop_back();
+        std::error_code error;
+        // A folder that went meanwhile is no failure: its parent's notice
+        // brings another scan.
+        for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+            std::error_code statusError;
+            if (!fs::is_directory(it->symlink_status(statusError)))
+                continue;
+            const std::string path = it->path().string();
+            const int watch = inotify_add_watch(m_inotify, path.c_str(), kWatchMask | IN_DONT_FOLLOW);
+            if (watch < 0) {
+                if (errno == ENOENT || errno == ENOTDIR)
+                    continue;
+                std::string location = m_key->GetLocation() + path.substr(root.size());
+                for (char& c : location)
+                    c = c == '/' ? '\\' : c;
+                LogWithLastError("LxRegKeyWatcher::WatchRegKey()", LOG_LEVEL_ERROR,
+                                 "RegNotifyChangeKeyValue(%s) failed", location.c_str());
+                return false;
+            }
+            if (watch != m_watch)
+                watches.insert(watch);
+            folders.push_back(it->path());
+        }
+    }
+    for (int watch : m_subWatches)
+        if (!watches.count(watch))
+            inotify_rm_watch(m_inotify, watch);
+    m_subWatches.swap(watches);
     return true;
 }
 
 void LxRegKeyWatcher::Unwatch()
 {
+    for (int watch : m_subWatches)
+        inotify_rm_watch(m_inotify, watch);
+    m_subWatches.clear();
     if (m_watch >= 0)
         inotify_rm_watch(m_inotify, m_watch);
     m_watch = -1;
     m_key->CloseKey();
 }
 
-bool LxRegKeyWatcher::DrainNotifications()
+LxRegKeyWatcher::Notifications LxRegKeyWatcher::DrainNotifications()
 {
-    bool folderStays = true;
+    Notifications result;
     alignas(inotify_event) char buffer[4096];
     for (;;) {
         const ssize_t n = read(m_inotify, buffer, sizeof buffer);
@@ -77,12 +124,18 @@ bool LxRegKeyWatcher::DrainNotifications()
             break;
         for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-            if (event->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF))
-                folderStays = false;
+            if (event->wd == m_watch && (event->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)))
+                result.keyGone = true;
+            else if (event->mask & IN_IGNORED)
+                m_subWatches.erase(event->wd);
+            // A lost notice may have been a new folder.
+            if (event->mask & IN_Q_OVERFLOW ||
+                (event->mask & IN_ISDIR && event->mask & (IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO)))
+                result.subKeysChanged = true;
             at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
     }
-    return folderStays;
+    return result;
 }
 
 bool LxRegKeyWatcher::Start(const RCPtr<LxPollThread>& pollThread)
@@ -160,14 +213,14 @@ size_t LxRegKeyWatcher::WatcherCount()
 bool LxRegKeyWatcher::Run(bool signalled)
 {
     const char* function = "LxRegKeyWatcher::Run()";
-    bool watching = false;
     if (signalled) {
-        watching = DrainNotifications();
-        if (!watching)
+        const Notifications notifications = DrainNotifications();
+        if (notifications.keyGone)
             Unwatch(); // the folder went: look for it again
+        else if (notifications.subKeysChanged && m_watchSubtree && m_watch >= 0 && !WatchSubKeys())
+            Unwatch();
     }
-    if (!watching)
-        watching = WatchRegKey();
+    const bool watching = WatchRegKey();
     SetTimeoutMS(watching ? -1 : kRetryMs, true);
 
     std::vector<RCPtr<LxRegValueWatcher>> watchers;
