@@ -9,7 +9,16 @@ namespace {
 
 constexpr const char* kPolicyPart = "\\Software\\Policies\\";
 constexpr const char* kLocalPart = "\\Software\\";
-constexpr const char* kLegacySwitch = "FallbackToLegacyGPO";
+
+// Current policy folders and the folders the former company used for them.
+// Numbered from 1 in messages.
+struct LegacyMapping {
+    const char* current;
+    const char* legacy;
+};
+constexpr LegacyMapping kLegacyMappings[] = {
+    {"\\Software\\Policies\\Corvanta\\Veltrane", "\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik"},
+};
 
 bool Contains(const std::string& text, const char* part)
 {
@@ -39,8 +48,8 @@ std::string MachineVariant(const std::string& key)
 
 bool ReadLegacySwitch()
 {
-    for (const char* key : {"HKLM\\Software\\Policies\\Corvanta\\Veltrane", "HKLM\\Software\\Corvanta\\Veltrane"}) {
-        LxRegValue value(MakeRC<LxRegKey>(key), kLegacySwitch);
+    for (const char* key : LxPolicyValue::kLegacySwitchKeys) {
+        LxRegValue value(MakeRC<LxRegKey>(key), LxPolicyValue::kLegacySwitchName);
         value.Load(LOG_LEVEL_VERBOSE);
         if (value.Exists())
             return value.AsBool(false);
@@ -55,9 +64,10 @@ LxPolicyValue::LxPolicyValue(std::string keyText, std::string valueName, int32_t
       m_valueName(std::move(valueName)),
       m_name(m_passedKey + "\\" + m_valueName),
       m_requestedMode(mode),
-      m_mode(mode)
+      m_mode(EffectiveMode(m_name, m_passedKey, mode)),
+      m_includeLegacyRequest(includeLegacyKeys)
 {
-    DetermineKeyOrder(includeLegacyKeys);
+    DetermineKeyOrder();
 }
 
 const char* LxPolicyValue::ModeName(int32_t mode)
@@ -79,34 +89,52 @@ bool LxPolicyValue::IsLocalKey(const std::string& key)
     return !IsPolicyKey(key) && Contains(key, kLocalPart);
 }
 
-std::string LxPolicyValue::LegacyKey(const std::string& key)
+std::string LxPolicyValue::LegacyKey(const std::string& key, int* mapping)
 {
-    if (!IsPolicyKey(key) || !Contains(key, "\\Corvanta"))
-        return {};
-    return Exchange(key, "\\Corvanta", "\\Pelloran");
+    if (mapping)
+        *mapping = 0;
+    for (size_t i = 0; i < sizeof kLegacyMappings / sizeof kLegacyMappings[0]; ++i) {
+        const char* current = kLegacyMappings[i].current;
+        const char* at = strcasestr(key.c_str(), current);
+        // Whole folder names only: "VeltraneX" is another product.
+        if (!at || (at[strlen(current)] != '\0' && at[strlen(current)] != '\\'))
+            continue;
+        if (mapping)
+            *mapping = static_cast<int>(i + 1);
+        const size_t pos = static_cast<size_t>(at - key.c_str());
+        return key.substr(0, pos) + kLegacyMappings[i].legacy + key.substr(pos + strlen(current));
+    }
+    return {};
 }
 
-void LxPolicyValue::DetermineKeyOrder(int32_t includeLegacyKeys)
+int32_t LxPolicyValue::EffectiveMode(const std::string& name, const std::string& key, int32_t mode)
+{
+    const bool policy = IsPolicyKey(key);
+    const bool local = IsLocalKey(key);
+    if (mode < 0 || mode > 7) {
+        LOG_WARN("LxPolicyValue::DetermineKeyOrder()", "%s: policy mode %s not expected", name.c_str(),
+                 std::to_string(mode).c_str());
+        mode = CheckPassedKeyOnly;
+    }
+    if (!policy && !local)
+        return CheckPassedKeyOnly;
+    if (mode == CheckPassedTypeOnly)
+        return policy ? CheckPolicyKeysOnly : CheckLocalKeysOnly;
+    if (mode == CheckPassedTypeFirst)
+        return policy ? PolicyOverridesLocal : LocalOverridesPolicy;
+    if (mode == PreferenceReader)
+        return policy ? PolicyOverridesLocal : CheckPassedKeyOnly;
+    return mode;
+}
+
+bool LxPolicyValue::DetermineKeyOrder()
 {
     const char* function = "LxPolicyValue::DetermineKeyOrder()";
     const bool policy = IsPolicyKey(m_passedKey);
-    const bool local = IsLocalKey(m_passedKey);
-    if (m_mode < 0 || m_mode > 7) {
-        LOG_WARN(function, "%s: policy mode %s not expected", m_name.c_str(), std::to_string(m_mode).c_str());
-        m_mode = CheckPassedKeyOnly;
-    }
-    if (!policy && !local)
-        m_mode = CheckPassedKeyOnly;
-    else if (m_mode == CheckPassedTypeOnly)
-        m_mode = policy ? CheckPolicyKeysOnly : CheckLocalKeysOnly;
-    else if (m_mode == CheckPassedTypeFirst)
-        m_mode = policy ? PolicyOverridesLocal : LocalOverridesPolicy;
-    else if (m_mode == PreferenceReader)
-        m_mode = policy ? PolicyOverridesLocal : CheckPassedKeyOnly;
-
-    m_includeLegacyKeys = includeLegacyKeys < 0 ? ReadLegacySwitch() : includeLegacyKeys != 0;
+    const bool includeLegacyKeys = m_includeLegacyRequest < 0 ? ReadLegacySwitch() : m_includeLegacyRequest != 0;
+    m_includeLegacyKeys = includeLegacyKeys;
     LOG_AT(LOG_LEVEL_DEBUG, function, "%s: includeLegacyKeys(%s)", m_name.c_str(),
-           m_includeLegacyKeys ? "TRUE" : "FALSE");
+           includeLegacyKeys ? "TRUE" : "FALSE");
 
     const std::string policyKey = policy ? m_passedKey : Exchange(m_passedKey, kLocalPart, kPolicyPart);
     const std::string localKey = policy ? Exchange(m_passedKey, kPolicyPart, kLocalPart) : m_passedKey;
@@ -124,13 +152,15 @@ void LxPolicyValue::DetermineKeyOrder(int32_t includeLegacyKeys)
     auto addPolicy = [&] {
         for (const std::string& key : policyKeys) {
             keys.push_back(key);
-            if (!m_includeLegacyKeys)
+            if (!includeLegacyKeys)
                 continue;
-            const std::string legacy = LegacyKey(key);
+            int mapping = 0;
+            const std::string legacy = LegacyKey(key, &mapping);
             if (legacy.empty()) {
                 LOG_AT(LOG_LEVEL_DEBUG, function, "Mapping -: \"%s\"", key.c_str());
             } else {
-                LOG_AT(LOG_LEVEL_DEBUG, function, "Mapping %d: \"%s\" -> \"%s\"", 1, key.c_str(), legacy.c_str());
+                LOG_AT(LOG_LEVEL_DEBUG, function, "Mapping %d: \"%s\" -> \"%s\"", mapping, key.c_str(),
+                       legacy.c_str());
                 keys.push_back(legacy);
             }
         }
@@ -157,17 +187,22 @@ void LxPolicyValue::DetermineKeyOrder(int32_t includeLegacyKeys)
     }
     LOG_AT(LOG_LEVEL_DEBUG, function, "%s: Pass in: %s", m_name.c_str(), m_passedKey.c_str());
     LOG_AT(LOG_LEVEL_DEBUG, function, "%s: PolicyMode: %s", m_name.c_str(), ModeName(m_mode));
-    m_searchList.clear();
+    std::vector<RCPtr<LxRegValue>> searchList;
     for (size_t i = 0; i < keys.size(); ++i) {
         LOG_AT(LOG_LEVEL_DEBUG, function, "%s: %d) %s", m_name.c_str(), static_cast<int>(i + 1), keys[i].c_str());
-        m_searchList.push_back(MakeRC<LxRegValue>(MakeRC<LxRegKey>(keys[i]), m_valueName));
+        searchList.push_back(MakeRC<LxRegValue>(MakeRC<LxRegKey>(keys[i]), m_valueName));
     }
-    LOG_AT(LOG_LEVEL_DEBUG, function, "%s: %zd key%s in search list", m_name.c_str(), m_searchList.size(),
-           m_searchList.size() == 1 ? "" : "s");
+    LOG_AT(LOG_LEVEL_DEBUG, function, "%s: %zd key%s in search list", m_name.c_str(), searchList.size(),
+           searchList.size() == 1 ? "" : "s");
+    const bool changed = keys != GetSearchKeys();
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_searchList.swap(searchList);
+    return changed;
 }
 
-std::vector<std::string> LxPolicyValue::GetSearchKeys() const
+std::vector<std::string> LxPolicyValue::GetSearchKeys()
 {
+    std::lock_guard<std::mutex> guard(m_lock);
     std::vector<std::string> keys;
     for (const auto& value : m_searchList)
         keys.push_back(value->GetKey()->GetLocation());
@@ -179,8 +214,13 @@ bool LxPolicyValue::UpdateValue()
     const char* function = "LxPolicyValue::UpdateValue()";
     // Loads log, so they run outside the lock; updates come from one thread
     // at a time (the watcher's poll thread, or the caller before it starts).
+    std::vector<RCPtr<LxRegValue>> searchList;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        searchList = m_searchList;
+    }
     RCPtr<LxRegValue> found;
-    for (const auto& value : m_searchList) {
+    for (const auto& value : searchList) {
         value->Load(LOG_LEVEL_VERBOSE);
         if (!found && value->Exists())
             found = value;

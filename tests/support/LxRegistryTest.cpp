@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -185,6 +186,74 @@ TEST_F(LxRegistryTest, AWatchedValueCallsBackOnEachChangeEvenWhenItsKeyComesLate
     thread->StopScheduler();
 }
 
+// A sub-tree watcher that reads some values of its sub-keys each time it
+// wakes; a test waits until it has seen a value it wrote.
+class SubtreeProbe final : public LxRegKeyWatcher {
+public:
+    SubtreeProbe(const std::string& key, std::vector<std::string> subKeys)
+        : LxRegKeyWatcher(MakeRC<LxRegKey>(key), true), m_key(key), m_subKeys(std::move(subKeys))
+    {
+    }
+
+    bool OnKeyChanged() override
+    {
+        for (const std::string& subKey : m_subKeys) {
+            LxRegValue value(MakeRC<LxRegKey>(subKey.empty() ? m_key : m_key + "\\" + subKey), "v");
+            value.Load(LOG_LEVEL_VERBOSE);
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_seen[subKey] = value.AsString();
+        }
+        m_changed.notify_all();
+        return true;
+    }
+
+    bool WaitToSee(const std::string& subKey, const std::string& text)
+    {
+        std::unique_lock<std::mutex> guard(m_mutex);
+        return m_changed.wait_for(guard, std::chrono::seconds(60), [&] { return m_seen[subKey] == text; });
+    }
+
+private:
+    const std::string m_key;
+    const std::vector<std::string> m_subKeys;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<std::string, std::string> m_seen;
+};
+
+TEST_F(LxRegistryTest, ASubtreeWatcherWakesForChangesInSubKeysOldAndNew)
+{
+    auto thread = MakeRC<LxPollThread>("SubtreeTest");
+    ASSERT_TRUE(thread->StartScheduler());
+    Put("HKLM/Software/Tree/A", "v", "a0");
+    auto probe = MakeRC<SubtreeProbe>("HKLM\\Software\\Tree", std::vector<std::string>{"", "A", "B\\C"});
+    ASSERT_TRUE(probe->Start(thread));
+    ASSERT_TRUE(probe->IsWatching());
+
+    // A sub-key that was there at the start.
+    Put("HKLM/Software/Tree/A", "v", "a1");
+    ASSERT_TRUE(probe->WaitToSee("A", "a1"));
+
+    // Sub-keys made later, two levels at once. The value in the key itself
+    // shows when the watcher has taken in their making.
+    fs::create_directories(store.path() + "/HKLM/Software/Tree/B/C");
+    Put("HKLM/Software/Tree", "v", "m1");
+    ASSERT_TRUE(probe->WaitToSee("", "m1"));
+    Put("HKLM/Software/Tree/B/C", "v", "c1");
+    ASSERT_TRUE(probe->WaitToSee("B\\C", "c1"));
+
+    // A sub-key going is not the key going; the others stay watched.
+    fs::remove_all(store.path() + "/HKLM/Software/Tree/B");
+    Put("HKLM/Software/Tree", "v", "m2");
+    ASSERT_TRUE(probe->WaitToSee("", "m2"));
+    EXPECT_TRUE(probe->IsWatching());
+    Put("HKLM/Software/Tree/A", "v", "a2");
+    ASSERT_TRUE(probe->WaitToSee("A", "a2"));
+
+    EXPECT_TRUE(probe->Stop());
+    thread->StopScheduler();
+}
+
 TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
 {
     ScopedLogCapture log(LOG_LEVEL_WARN);
@@ -196,9 +265,6 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
                                               "HKCU\\Software\\Corvanta\\Veltrane",
                                               "HKLM\\Software\\Corvanta\\Veltrane",
                                           }));
-    LxPolicyValue legacy("HKLM\\Software\\Policies\\Corvanta\\Veltrane", "x", LxPolicyValue::CheckPolicyKeysOnly, 1);
-    EXPECT_EQ(legacy.GetSearchKeys(), (std::vector<std::string>{"HKLM\\Software\\Policies\\Corvanta\\Veltrane",
-                                                                "HKLM\\Software\\Policies\\Pelloran\\Veltrane"}));
     LxPolicyValue preference("HKLM\\Software\\Corvanta\\Veltrane", "x", LxPolicyValue::PreferenceReader, 0);
     EXPECT_EQ(preference.GetMode(), LxPolicyValue::CheckPassedKeyOnly);
     LxPolicyValue typeFirst("HKLM\\Software\\Corvanta\\Veltrane", "x", LxPolicyValue::CheckPassedTypeFirst, 0);
@@ -223,6 +289,77 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
     EXPECT_TRUE(policyFirst.UpdateValue());
     EXPECT_EQ(policyFirst.GetString(), "20");
     EXPECT_EQ(policyFirst.GetSourceLocation(), "HKLM\\Software\\Corvanta\\Veltrane\\Limit");
+}
+
+TEST_F(LxRegistryTest, LegacyPolicyKeysExchangeTheCompanyAndTheProductFolder)
+{
+    ScopedLogCapture log(LOG_LEVEL_DEBUG);
+    LxPolicyValue ipc("HKCU\\Software\\Policies\\Corvanta\\Veltrane\\KxIpc", "RpcRegLibPath",
+                      LxPolicyValue::CheckPolicyKeysOnly, 1);
+    EXPECT_EQ(ipc.GetSearchKeys(), (std::vector<std::string>{
+                                       "HKLM\\Software\\Policies\\Corvanta\\Veltrane\\KxIpc",
+                                       "HKLM\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik\\KxIpc",
+                                       "HKCU\\Software\\Policies\\Corvanta\\Veltrane\\KxIpc",
+                                       "HKCU\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik\\KxIpc",
+                                   }));
+    EXPECT_EQ(log.Count("Mapping 1: \"HKCU\\Software\\Policies\\Corvanta\\Veltrane\\KxIpc\" -> "
+                        "\"HKCU\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik\\KxIpc\"",
+                        "LxPolicyValue::DetermineKeyOrder()"),
+              1u);
+
+    // A value that only the former company's key holds is found there.
+    Put("HKCU/Software/Policies/Pelloran, Inc./Pelloran Orvik/KxIpc", "RpcRegLibPath", "/opt/legacy.so");
+    EXPECT_TRUE(ipc.UpdateValue());
+    EXPECT_EQ(ipc.GetSourceLocation(),
+              "HKCU\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik\\KxIpc\\RpcRegLibPath");
+    // The machine's legacy policy comes before the user's.
+    Put("HKLM/Software/Policies/Pelloran, Inc./Pelloran Orvik/KxIpc", "RpcRegLibPath", "/opt/machine.so");
+    EXPECT_TRUE(ipc.UpdateValue());
+    EXPECT_EQ(ipc.GetString(), "/opt/machine.so");
+
+    // Another product folder has no legacy form.
+    LxPolicyValue other("HKLM\\Software\\Policies\\Corvanta\\VeltraneLab", "x", LxPolicyValue::CheckPolicyKeysOnly, 1);
+    EXPECT_EQ(other.GetSearchKeys(), (std::vector<std::string>{"HKLM\\Software\\Policies\\Corvanta\\VeltraneLab"}));
+    EXPECT_EQ(log.Count("Mapping -: \"HKLM\\Software\\Policies\\Corvanta\\VeltraneLab\""), 1u);
+}
+
+TEST_F(LxRegistryTest, TurningTheLegacyFallbackOnOrOffResolvesAWatchedPolicyAgain)
+{
+    auto thread = MakeRC<LxPollThread>("LegacyTest");
+    ASSERT_TRUE(thread->StartScheduler());
+    const std::string legacyKey = "HKLM/Software/Policies/Pelloran, Inc./Pelloran Orvik";
+    Put(legacyKey, "Limit", "10");
+    Put("HKLM/Software/Corvanta/Veltrane", "Limit", "20");
+    Signal changes;
+    auto watcher = MakeRC<LxPolicyWatcher>(
+        MakeRC<LxPolicyValue>("HKLM\\Software\\Policies\\Corvanta\\Veltrane", "Limit"), LOG_LEVEL_INFO,
+        [&](LxPolicyWatcher&) { changes.Raise(); });
+    ASSERT_TRUE(watcher->Start(thread));
+    const RCPtr<LxPolicyValue>& value = watcher->GetValue();
+    EXPECT_EQ(value->GetString(), "20"); // the fallback is off
+
+    // On at the policy place: the legacy policy now overrides the local key.
+    Put("HKLM/Software/Policies/Corvanta/Veltrane", "FallbackToLegacyGPO", "1");
+    ASSERT_TRUE(changes.WaitFor(1));
+    EXPECT_EQ(value->GetString(), "10");
+    EXPECT_EQ(value->GetSourceLocation(), "HKLM\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik\\Limit");
+    // ... and the legacy key is watched from then on.
+    Put(legacyKey, "Limit", "11");
+    ASSERT_TRUE(changes.WaitFor(2));
+    EXPECT_EQ(value->GetString(), "11");
+
+    // Off again: the local key decides.
+    Remove("HKLM/Software/Policies/Corvanta/Veltrane", "FallbackToLegacyGPO");
+    ASSERT_TRUE(changes.WaitFor(3));
+    EXPECT_EQ(value->GetString(), "20");
+
+    // On at the local place.
+    Put("HKLM/Software/Corvanta/Veltrane", "FallbackToLegacyGPO", "true");
+    ASSERT_TRUE(changes.WaitFor(4));
+    EXPECT_EQ(value->GetString(), "11");
+
+    EXPECT_TRUE(watcher->Stop());
+    thread->StopScheduler();
 }
 
 TEST_F(LxRegistryTest, APolicyWatcherReportsWhenTheEffectiveValueChanges)
