@@ -3,7 +3,10 @@
 #include "log/Log.h"
 #include "platform/NtStatus.h"
 
+#include <atomic>
 #include <cerrno>
+#include <limits>
+#include <new>
 #include <vector>
 
 using namespace platform;
@@ -25,9 +28,26 @@ void StorageDrives::Uninit()
     Cleanup();
 }
 
+namespace {
+std::atomic<StorageDrives::ReplyAllocator> g_replyAllocator{nullptr};
+} // namespace
+
+StorageDrives::ReplyAllocator StorageDrives::SetReplyAllocator(ReplyAllocator allocator)
+{
+    return g_replyAllocator.exchange(allocator);
+}
+
 StorageDrives::ReplyBlock StorageDrives::AllocateReply(size_t payloadLength)
 {
-    return ReplyBlock(static_cast<uint8_t*>(std::malloc(DR_RSP_HEADER_SIZE + payloadLength)));
+    if (payloadLength > std::numeric_limits<uint32_t>::max() - DR_RSP_HEADER_SIZE)
+        return {};
+    const ReplyAllocator allocator = g_replyAllocator.load();
+    try {
+        return ReplyBlock(static_cast<uint8_t*>(allocator ? allocator(DR_RSP_HEADER_SIZE + payloadLength)
+                                                          : std::malloc(DR_RSP_HEADER_SIZE + payloadLength)));
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 bool StorageDrives::HandleRequest(const uint8_t* request, uint32_t requestSize, uint8_t** response,
@@ -54,7 +74,17 @@ bool StorageDrives::HandleRequest(const uint8_t* request, uint32_t requestSize, 
         LOG_ERROR(kFn, "Unknown message code 0x%x", code);
         return false;
     }
-    bool result = Dispatch(header, request + DR_REQ_HEADER_SIZE, requestSize - DR_REQ_HEADER_SIZE, reply, block);
+    bool result = false;
+    try {
+        result = Dispatch(header, request + DR_REQ_HEADER_SIZE, requestSize - DR_REQ_HEADER_SIZE, reply, block);
+    } catch (const std::bad_alloc&) {
+        // Out of memory anywhere in a handler is an answer for the peer, not
+        // the end of the worker.
+        block.reset();
+        reply.status = STATUS_INSUFFICIENT_RESOURCES;
+        reply.information = 0;
+        reply.payloadLength = 0;
+    }
     if (code == DR_MSG_RELEASE_DISK)
         result = true;
     else if (!result)

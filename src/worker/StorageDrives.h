@@ -19,9 +19,12 @@
 
 class StorageDrives final : public StorageDrivesInterface {
 public:
-    // Reads are served into one reply block; longer ones are refused with
-    // 0xC000000D so that a request cannot make the worker allocate gigabytes.
-    static constexpr uint32_t kMaxReadLength = 64u << 20;
+    // Where reply blocks come from: malloc unless replaced. The replacement
+    // may return null or throw std::bad_alloc; either answers the request with
+    // 0xC000009A. Blocks are released with free. Returns the previous one;
+    // null puts malloc back.
+    using ReplyAllocator = void* (*)(size_t size);
+    static ReplyAllocator SetReplyAllocator(ReplyAllocator allocator);
 
     StorageDrives() = default;
     ~StorageDrives() override;
@@ -47,6 +50,8 @@ private:
         uint64_t diskSize = 0;
     };
 
+    // Null when the memory cannot be had, or when the whole reply would not
+    // fit in one message (its size is a 32-bit count).
     static ReplyBlock AllocateReply(size_t payloadLength);
     static uint8_t* PayloadOf(const ReplyBlock& block) { return block.get() + DR_RSP_HEADER_SIZE; }
 

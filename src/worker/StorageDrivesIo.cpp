@@ -20,6 +20,8 @@ bool StorageDrives::Read(const DR_REQ_HEADER& header, const DR_READ_REQ& request
 
     // Reads are clipped at the size recorded when the drive was opened. One
     // that starts at or past that end reads nothing: end of file, no payload.
+    // A letter without a record still tries its (invalid) handle, so the
+    // answer is the system's, as for a write.
     uint32_t length = request.length;
     const uint64_t offset = request.offset;
     const bool startsPastEnd = offset > drive.diskSize || (offset == drive.diskSize && length != 0);
@@ -29,18 +31,11 @@ bool StorageDrives::Read(const DR_REQ_HEADER& header, const DR_READ_REQ& request
                  static_cast<unsigned long long>(offset), length, clipped);
         length = clipped;
     }
-    if (startsPastEnd) {
+    if (startsPastEnd && drive.handle) {
         reply.status = STATUS_END_OF_FILE;
         reply.information = 0;
         reply.payloadLength = 0;
         return true;
-    }
-    if (length > kMaxReadLength) {
-        LOG_ERROR(kFn, "Read of %u bytes is over the limit of %u bytes.", length, kMaxReadLength);
-        reply.status = STATUS_INVALID_PARAMETER;
-        reply.information = 0;
-        reply.payloadLength = 0;
-        return false;
     }
 
     // The bytes land straight in the reply block, behind the header and count.

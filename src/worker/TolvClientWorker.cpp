@@ -7,6 +7,7 @@
 #include "platform/Utf.h"
 
 #include <limits>
+#include <new>
 
 
 using tamsel::ipc::KxIpclibMsg;
@@ -166,14 +167,22 @@ void TolvClientWorkerOnCommand(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg
         return;
     }
 
-    auto sent = stream->send(0, replySize, reply,
-                             [drives, releaseBlock](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> done) {
-                                 if (CurrentLogLevel >= LOG_LEVEL_VERBOSE)
-                                     Log("TolvClientWorkerOnCommand::<lambda_1>::operator ()()", LOG_LEVEL_VERBOSE,
-                                         "OnSendComplete(status = %d), size = %d.", static_cast<int>(status),
-                                         done ? static_cast<int>(done->size()) : 0);
-                                 drives->FreeResponse(releaseBlock);
-                             });
+    bool sent = false;
+    try {
+        sent = stream
+                   ->send(0, replySize, reply,
+                          [drives, releaseBlock](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> done) {
+                              if (CurrentLogLevel >= LOG_LEVEL_VERBOSE)
+                                  Log("TolvClientWorkerOnCommand::<lambda_1>::operator ()()", LOG_LEVEL_VERBOSE,
+                                      "OnSendComplete(status = %d), size = %d.", static_cast<int>(status),
+                                      done ? static_cast<int>(done->size()) : 0);
+                              drives->FreeResponse(releaseBlock);
+                          })
+                   .has_value();
+    } catch (const std::bad_alloc&) {
+        // A huge reply the link cannot take on costs the reply, not the worker.
+        LOG_ERROR(kFn, "Failed to allocate memory for the reply to (pid: %d).", static_cast<int>(pid));
+    }
     // A send refused at once never runs its completion: the block is ours again.
     if (!sent)
         drives->FreeResponse(releaseBlock);

@@ -110,32 +110,87 @@ TEST_F(StorageDrivesFile, ReadsAtOrPastTheEndAnswerEndOfFile)
     }
     EXPECT_EQ(log.CountContaining("The new length is 0."), 4u);
 
-    // A letter without a record has size 0: nothing to read there either.
-    auto reply = CallService(drives, EncodeReadRequest(7, 'X', 1, 0, 16));
-    EXPECT_EQ(reply.header.status, 0xC0000011u);
-    reply = CallService(drives, EncodeReadRequest(7, 'X', 1, 0, 0));
-    EXPECT_EQ(reply.header.status, 0xC0000008u);  // the invalid handle, tried with nothing to read
-    EXPECT_EQ(reply.raw.size(), 32u);
 }
 
-TEST_F(StorageDrivesFile, ReadsOverTheLimitAreRefused)
+TEST_F(StorageDrivesFile, ReadsOfALetterWithoutARecordFailOnTheInvalidHandle)
 {
-    // A sparse file larger than the limit, so that clipping does not help.
+    // As for a write: the transfer is tried on the invalid handle, and its
+    // failure is the answer, whatever the range.
+    for (uint32_t length : {16u, 0u, 0xFFFFFFFFu}) {
+        SCOPED_TRACE(length);
+        const auto reply = CallService(drives, EncodeReadRequest(7, 'X', 1, 0, length));
+        EXPECT_TRUE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC0000008u);
+        EXPECT_EQ(reply.header.information, 0u);
+        EXPECT_EQ(reply.raw.size(), 32u);
+    }
+    EXPECT_EQ(log.Count("Failed to find the request disk (drive is X)"), 3u);
+}
+
+namespace {
+// Puts a reply allocator in force for a scope.
+struct ScopedReplyAllocator {
+    explicit ScopedReplyAllocator(StorageDrives::ReplyAllocator allocator)
+        : previous(StorageDrives::SetReplyAllocator(allocator))
+    {
+    }
+    ~ScopedReplyAllocator() { StorageDrives::SetReplyAllocator(previous); }
+    StorageDrives::ReplyAllocator previous;
+};
+
+constexpr size_t kOneGiB = size_t{1} << 30;
+} // namespace
+
+TEST_F(StorageDrivesFile, LongReadsAreServedAndMemoryShortageIsAnAnswer)
+{
+    // A sparse file far larger than any read, so that clipping does not help.
     const std::string big = dir.file("big.img");
     {
         std::ofstream touch(big);
     }
     ASSERT_EQ(::truncate(big.c_str(), 1ll << 40), 0);
     ASSERT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 'B', 1, Wide(big))).result);
-    auto reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, 0xFFFFFFFF));
-    EXPECT_FALSE(reply.result);
-    EXPECT_EQ(reply.header.status, 0xC000000Du);
-    EXPECT_EQ(reply.raw.size(), 32u);
-    reply = CallService(drives, EncodeReadRequest(7, 'B', 1, (1ll << 40) - 8, StorageDrives::kMaxReadLength));
-    EXPECT_EQ(reply.readData(), std::vector<uint8_t>(8, 0));
-    reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, StorageDrives::kMaxReadLength));
+
+    // Longer than 64 MiB: served whole.
+    const uint32_t longRead = (64u << 20) + 4096;
+    auto reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 4096, longRead));
+    EXPECT_TRUE(reply.result);
     EXPECT_EQ(reply.header.status, 0u);
-    EXPECT_EQ(reply.header.information, StorageDrives::kMaxReadLength);
+    EXPECT_EQ(reply.header.information, longRead);
+    EXPECT_EQ(reply.raw.size(), 36u + longRead);
+
+    // A buffer that cannot be had, whether the allocator says so with null or
+    // with std::bad_alloc, is answered with 0xC000009A.
+    auto refuseNull = [](size_t size) -> void* { return size > kOneGiB ? nullptr : std::malloc(size); };
+    auto refuseThrow = [](size_t size) -> void* {
+        if (size > kOneGiB)
+            throw std::bad_alloc();
+        return std::malloc(size);
+    };
+    for (StorageDrives::ReplyAllocator allocator : {+refuseNull, +refuseThrow}) {
+        ScopedReplyAllocator scoped(allocator);
+        reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, 0x80000000u));
+        EXPECT_FALSE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC000009Au);
+        EXPECT_EQ(reply.header.information, 0u);
+        EXPECT_EQ(reply.raw.size(), 32u);
+        // The service goes on serving.
+        reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, 512));
+        EXPECT_EQ(reply.readData(), std::vector<uint8_t>(512, 0));
+    }
+    // A reply that would not fit in one message cannot be had either; nothing
+    // is allocated for it.
+    {
+        ScopedReplyAllocator scoped([](size_t size) -> void* {
+            EXPECT_LE(size, kOneGiB);
+            return std::malloc(size);
+        });
+        reply = CallService(drives, EncodeReadRequest(7, 'B', 1, 0, 0xFFFFFFFFu));
+        EXPECT_FALSE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC000009Au);
+        EXPECT_EQ(reply.raw.size(), 32u);
+    }
+    EXPECT_EQ(log.Count("Failed to allocate memory"), 3u);
 }
 
 TEST_F(StorageDrivesFile, WritesLandAndAreNotClipped)
