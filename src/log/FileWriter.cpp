@@ -532,15 +532,16 @@ bool FileWriter::FindLogFiles()
         if (age < 0 || age > kMaxSaneAge)
             age = 0;
         const std::string ageText = DurationText(static_cast<double>(age), 0);
-        // Own files first: this process holds the lock of its current file too.
-        if (path.size() >= prefix.size() && strncasecmp(path.c_str(), prefix.c_str(), prefix.size()) == 0) {
-            LOG_AT(LOG_LEVEL_VERBOSE, function, "Skipping current process \"%s\" (age %s)", path.c_str(),
-                   ageText.c_str());
-            ++m_ownFiles;
-        } else if (IsActiveFile(path)) {
+        // A file a live writer holds (this process's current file included)
+        // is an active session before it is anything else.
+        if (IsActiveFile(path)) {
             LOG_AT(LOG_LEVEL_VERBOSE, function, "Skipping active log file \"%s\" (age %s)", path.c_str(),
                    ageText.c_str());
             ++m_activeFiles;
+        } else if (path.size() >= prefix.size() && strncasecmp(path.c_str(), prefix.c_str(), prefix.size()) == 0) {
+            LOG_AT(LOG_LEVEL_VERBOSE, function, "Skipping current process \"%s\" (age %s)", path.c_str(),
+                   ageText.c_str());
+            ++m_ownFiles;
         } else {
             LOG_AT(LOG_LEVEL_VERBOSE, function, "Found \"%s\" (age %s)", path.c_str(), ageText.c_str());
             m_foundFiles.insert(MakeRC<FileInfo>(path, name, age, lastWrite));

@@ -206,7 +206,10 @@ TEST_F(FileWriterTest, RetentionDeletesOnlyOldFilesOfFinishedProcesses)
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);
 
     MakeLogger();
-    writer->SetProperty("maxNumFiles", "2");
+    // An older file of this very process: its own, not an active session.
+    const std::string ownOld = make(writer->BuildFileName(-1) + "(2)__2020-01-08-00-00.log", 30 * 86400);
+    writer->SetProperty("maxNumFiles", "1");
+    logger->SetLevel(LOG_LEVEL_VERBOSE);
     Start();
     auto exists = [](const std::string& path) { return access(path.c_str(), F_OK) == 0; };
     // The first scan runs on the poll thread once the file is open.
@@ -225,7 +228,13 @@ TEST_F(FileWriterTest, RetentionDeletesOnlyOldFilesOfFinishedProcesses)
     EXPECT_TRUE(text.compare(at + deleted.size(), 2, ")\n") == 0 ||
                 text.compare(at + deleted.size(), 10, " 0:00:01)\n") == 0)
         << text;
-    EXPECT_NE(text.find("Keeping 2 files, minimum age 2:00:00, 1 active session\n"), std::string::npos);
+    EXPECT_TRUE(exists(ownOld));
+    // Whatever a live writer holds is an active session first, this process's
+    // current file included; each active session keeps its share of files.
+    EXPECT_NE(text.find("Skipping active log file \"" + writer->GetFilePath() + "\""), std::string::npos) << text;
+    EXPECT_NE(text.find("Skipping active log file \"" + activeOld + "\""), std::string::npos) << text;
+    EXPECT_NE(text.find("Skipping current process \"" + ownOld + "\""), std::string::npos) << text;
+    EXPECT_NE(text.find("Keeping 2 files, minimum age 2:00:00, 2 active sessions\n"), std::string::npos) << text;
     EXPECT_NE(text.find("Scan complete; 3 files deleted, 2 files remain, next scan in 4:00:00"), std::string::npos);
 }
 
