@@ -90,6 +90,17 @@ public:
     uint32_t linkFlags() const { return m_linkFlags; }
     void addLinkFlags(uint32_t flags) { m_linkFlags |= flags; }
     uint32_t peerProcessId() const { return m_peerProcessId.load(); }
+    // What the peer said of its own side of the link when it was set up.
+    uint64_t peerLinkId() const { return m_peerLinkId.load(); }
+    void setPeerLinkId(uint64_t id) { m_peerLinkId = id; }
+    uint32_t peerVersion() const { return m_peerVersion.load(); }
+    // Byte counters of the transport: whole blocks (headers included) and
+    // payload bytes, each way. Received payload counts data blocks only.
+    uint64_t bytesSent() const { return m_bytesSent.load(); }
+    uint64_t payloadBytesSent() const { return m_payloadBytesSent.load(); }
+    uint64_t bytesReceived() const { return m_bytesReceived.load(); }
+    uint64_t payloadBytesReceived() const { return m_payloadBytesReceived.load(); }
+    void setPeerVersion(uint32_t version) { m_peerVersion = version; }
     uint64_t controlStreamId();
     std::shared_ptr<KxIpclibStreamCtrl> controlStream();
     KxIpclibLinkState state();
@@ -110,6 +121,12 @@ protected:
     std::u16string m_linkName;
     // Known at construction on the server; a client learns it from the bootstrap reply.
     std::atomic<uint32_t> m_peerProcessId;
+    std::atomic<uint64_t> m_peerLinkId{0};
+    std::atomic<uint32_t> m_peerVersion{0};
+    std::atomic<uint64_t> m_bytesSent{0};
+    std::atomic<uint64_t> m_payloadBytesSent{0};
+    std::atomic<uint64_t> m_bytesReceived{0};
+    std::atomic<uint64_t> m_payloadBytesReceived{0};
     std::shared_ptr<KxIpclibStreamCtrl> m_controlStream;
     uint64_t m_controlStreamId = 0;
     tamsel::task::WorkTask<void(std::weak_ptr<KxIpclibLink>)> m_sendTask;

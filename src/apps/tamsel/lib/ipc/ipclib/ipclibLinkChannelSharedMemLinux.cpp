@@ -23,6 +23,15 @@ int NewEvent()
     return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
+// A section is whole pages, as the kernel maps it: bytes past the end of the
+// file in its last page would fault instead of reading as undefined. A size of
+// 0 stays 0 and fails to map.
+size_t MappedSize(uint32_t sectionSize)
+{
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    return (static_cast<size_t>(sectionSize) + page - 1) / page * page;
+}
+
 int Duplicate(const platform::UniqueFd& fd)
 {
     return ::fcntl(fd.get(), F_DUPFD_CLOEXEC, 0);
@@ -41,19 +50,19 @@ int KxIpclibLinkChannelSharedMemLinux::create(int& errorCode)
         return 1;
     };
     m_section.reset(::memfd_create("ipclib-link", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!m_section || ::ftruncate(m_section.get(), m_sectionSize) != 0 ||
+    if (!m_section || ::ftruncate(m_section.get(), static_cast<off_t>(MappedSize(m_sectionSize))) != 0 ||
         ::fcntl(m_section.get(), F_ADD_SEALS, kSeals | F_SEAL_SEAL) != 0)
         return fail();
-    void* view = ::mmap(nullptr, m_sectionSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_section.get(), 0);
+    void* view = ::mmap(nullptr, MappedSize(m_sectionSize), PROT_READ | PROT_WRITE, MAP_SHARED, m_section.get(), 0);
     if (view == MAP_FAILED)
         return fail();
     m_view = static_cast<uint8_t*>(view);
-    m_dataReady.reset(NewEvent());
-    m_bufferFree.reset(NewEvent());
-    m_error.reset(NewEvent());
-    m_stop.reset(NewEvent());
-    if (!m_dataReady || !m_bufferFree || !m_error || !m_stop)
-        return fail();
+    // One step at a time: the first that fails ends the creation with its error.
+    for (auto* event : {&m_dataReady, &m_bufferFree, &m_error, &m_stop}) {
+        event->reset(NewEvent());
+        if (!*event)
+            return fail();
+    }
     KXIPC_TRACE(Link, "< status: {}", KxIpcStatusSuccess);
     return 0;
 }
@@ -74,9 +83,10 @@ int KxIpclibLinkChannelSharedMemLinux::attach(KxIpclibLinkChannelResourceLinux r
     struct stat st {};
     const int seals = ::fcntl(resource.section.get(), F_GET_SEALS);
     if (seals < 0 || (seals & kSeals) != kSeals || ::fstat(resource.section.get(), &st) != 0 ||
-        static_cast<uint64_t>(st.st_size) != m_sectionSize)
+        static_cast<uint64_t>(st.st_size) != MappedSize(m_sectionSize))
         return fail(EINVAL);
-    void* view = ::mmap(nullptr, m_sectionSize, PROT_READ | PROT_WRITE, MAP_SHARED, resource.section.get(), 0);
+    void* view =
+        ::mmap(nullptr, MappedSize(m_sectionSize), PROT_READ | PROT_WRITE, MAP_SHARED, resource.section.get(), 0);
     if (view == MAP_FAILED)
         return fail(errno);
     m_view = static_cast<uint8_t*>(view);
@@ -91,7 +101,7 @@ int KxIpclibLinkChannelSharedMemLinux::attach(KxIpclibLinkChannelResourceLinux r
 void KxIpclibLinkChannelSharedMemLinux::destroy()
 {
     if (m_view != nullptr)
-        ::munmap(m_view, m_sectionSize);
+        ::munmap(m_view, MappedSize(m_sectionSize));
     m_view = nullptr;
     m_section.reset();
     m_dataReady.reset();

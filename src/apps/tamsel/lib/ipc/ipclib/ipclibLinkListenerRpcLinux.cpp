@@ -37,8 +37,6 @@ namespace {
 
 constexpr const char* kIpclibTraceFile = "apps\\tamsel\\lib\\ipc\\ipclib\\ipclibLinkListenerRpcLinux";
 
-// Below this a section cannot carry a transfer header, a block header and a byte.
-constexpr uint32_t kMinSectionSize = 256;
 constexpr uint32_t kMaxSectionSize = 0xFFFFF;
 // A hostile caller may attach more descriptors than the one we take; room for a
 // few, and every one that arrives is closed.
@@ -465,11 +463,10 @@ void KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data
     std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
     std::shared_ptr<KxIpclibStream> stream;
     KxIpcStatusCode status;
-    if (reply.sectionSize < kMinSectionSize)
-        status = KxIpcStatusInvalidParam;
-    else
-        status = createSharedMemoryLink(callSocket, request, std::move(clientPipe), reply.sectionSize, reply, fds,
-                                        link, stream);
+    // A size too small to carry a message is the caller's choice: its link
+    // fails on its first transfer, and a size of 0 already fails to map.
+    status = createSharedMemoryLink(callSocket, request, std::move(clientPipe), reply.sectionSize, reply, fds, link,
+                                    stream);
     if (status == KxIpcStatusSuccess) {
         for (size_t i = 0; i < kBootstrapReplyFds; ++i)
             reply.handles[i] = i;
@@ -594,9 +591,12 @@ KxIpcStatusCode KxIpclibLinkListenerRpcLinux::createSharedMemoryLinkInt(
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(m_endpoint, request.clientLinkFlags, request.streamName,
                                                              client.pid, m_onLinkClosed, shared_from_this(),
                                                              sectionSize, std::move(peerProcess), std::move(peerPipe));
+    link->setPeerLinkId(request.clientLinkId);
+    link->setPeerVersion(request.clientVersion);
     KxIpcStatusCode status = link->connecting();
+    // The flags are taken whole; only what goes back to the client is masked.
     auto stream = std::make_shared<KxIpclibStream>(link, m_executor, request.streamName,
-                                                   Flags<KxIpclibStreamFlag>(request.clientStreamFlags & 0xFFFF0000u),
+                                                   Flags<KxIpclibStreamFlag>(request.clientStreamFlags),
                                                    request.clientStreamId, KxIpclibStreamState::Init);
     if (status == KxIpcStatusSuccess)
         status = link->addStream(stream);

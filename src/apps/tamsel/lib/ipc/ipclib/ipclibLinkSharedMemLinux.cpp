@@ -219,9 +219,21 @@ void KxIpclibLinkSharedMemLinux::onRecvReady()
 KxIpcStatusCode KxIpclibLinkSharedMemLinux::recv(KxIpclibStreamMap& streamsTouched)
 {
     KXIPC_TRACE(Link, "> m_state: {}, linkId: {:#x}", m_state, m_linkId);
+    if (m_sectionSize >= KxIpclibTransferHeaderSize) {
+        // What the peer announces, before anything is checked.
+        const volatile uint8_t* section = m_recvChannel->view();
+        uint8_t header[KxIpclibTransferHeaderSize];
+        for (size_t i = 0; i < sizeof header; ++i)
+            header[i] = section[i];
+        KXIPC_TRACE(Link, "linkId: {:#x}, trxSeqNo: {}, trxSize: {:#x}", m_linkId,
+                    platform::LoadLe<uint64_t>(header + 8), platform::LoadLe<uint32_t>(header + 20));
+    }
     KxIpcStatusCode status =
         readTransfer(m_recvChannel->view(), m_sectionSize, m_recvStorage.buffer.get(), m_recvSeqNo,
                      [&](const KxIpclibBlock& block) {
+                         m_bytesReceived += block.header.blockLength;
+                         if (block.header.msgType == static_cast<uint32_t>(KxIpclibMsgType::Msg))
+                             m_payloadBytesReceived += block.header.payloadLength;
                          auto stream = findStream(block.header.srcStreamId, block.header.destStreamId, streamsTouched);
                          if (!stream)
                              return KxIpcStatusSuccess;  // no such stream: skipped
@@ -299,6 +311,8 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
     uint8_t* unit = m_sendChannel->view();
     uint32_t used = KxIpclibTransferHeaderSize;
     uint32_t blockCount = 0;
+    // A section smaller than its transfer header has no room at all.
+    auto room = [&] { return used < m_sectionSize ? m_sectionSize - used : 0u; };
     std::vector<std::shared_ptr<KxIpclibMsg>> written, failed;
     bool finishClosing = false;
     do {
@@ -306,10 +320,12 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
         m_sendQueue.clear();
         m_sendState = KxIpclibSendWriting;
         lock.unlock();
-        while (!local.empty() && m_sectionSize - used > KxIpclibMinBlockRoom) {
+        while (!local.empty() && room() > KxIpclibMinBlockRoom) {
             auto& msg = local.front();
             const uint32_t length = writeBlock(*msg, unit + used, m_sectionSize - used);
             const bool last = platform::LoadLe<uint32_t>(unit + used + 4) & KxIpclibBlockLast;
+            m_bytesSent += length;
+            m_payloadBytesSent += platform::LoadLe<uint32_t>(unit + used + 32);
             used += length;
             ++blockCount;
             if (last) {
@@ -327,7 +343,7 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
             // A message cut at the end of the unit continues in the next one.
             m_sendQueue.insert(m_sendQueue.begin(), local.begin(), local.end());
         }
-    } while (m_sectionSize - used > KxIpclibMinBlockRoom && !m_sendQueue.empty());
+    } while (room() > KxIpclibMinBlockRoom && !m_sendQueue.empty());
 
     finishTransfer(unit, used, blockCount, ++m_sendSeqNo);
     m_sendState = kSendWaitingForPeer;
@@ -367,9 +383,9 @@ void KxIpclibLinkSharedMemLinux::stop(LinkLock& lock)
         shutdownLinkWithCheck(lock);
     } else if (m_state == KxIpclibLinkState::Connected) {
         m_state = KxIpclibLinkState::Closing;
-        std::vector<std::shared_ptr<KxIpclibStream>> streams;
-        for (auto& [id, stream] : m_streams)
-            streams.push_back(stream);
+        // The streams leave the link now; each closes on its own from here.
+        auto streams = std::move(m_streams);
+        m_streams.clear();
         if (streams.empty()) {
             if (m_sendState == kSendWaitingForPeer)
                 m_sendState = KxIpclibSendIdle;
@@ -384,12 +400,14 @@ void KxIpclibLinkSharedMemLinux::stop(LinkLock& lock)
             lock.unlock();
             for (auto& msg : queue)
                 msg->sendComplete(KxIpcStatusStreamClosed);
-            for (auto& stream : streams) {
-                if (m_stopReason == 1)
-                    stream->shutdown();  // the peer will not answer a close
-                else
-                    stream->close(std::chrono::milliseconds::max());
-            }
+            // A closing link sends nothing more, so each close completes at
+            // once with its own acknowledgement, and no timer is needed.
+            for (auto& [id, stream] : streams)
+                stream->close(std::chrono::milliseconds::max());
+            // With no stream left the link closes once its queue is written;
+            // the writer finishes it if it is still busy.
+            lock.lock();
+            shutdownLinkWithCheck(lock);
         }
     }
     if (lock.owns_lock())

@@ -42,9 +42,16 @@ void KxIpclibStream::setCloseTimeoutForTesting(std::chrono::nanoseconds timeout)
 KxIpclibStream::KxIpclibStream(std::shared_ptr<KxIpclibLink> link, std::weak_ptr<tamsel::task::TaskExecutor> executor,
                                std::u16string name, Flags<KxIpclibStreamFlag> flags, uint64_t peerStreamId,
                                KxIpclibStreamState state)
+    : KxIpclibStream(std::move(link), std::move(executor), std::move(name), flags, peerStreamId, state, false)
+{
+}
+
+KxIpclibStream::KxIpclibStream(std::shared_ptr<KxIpclibLink> link, std::weak_ptr<tamsel::task::TaskExecutor> executor,
+                               std::u16string name, Flags<KxIpclibStreamFlag> flags, uint64_t peerStreamId,
+                               KxIpclibStreamState state, bool isControl)
     : m_state(state),
       m_streamId(nextStreamId()),
-      m_isControl(flags.test(KxIpclibStreamFlag::Control)),
+      m_isControl(isControl),
       m_name(std::move(name)),
       m_flags(flags),
       m_peerStreamId(peerStreamId),
@@ -179,6 +186,12 @@ uint32_t KxIpclibStream::peerProcessId()
 {
     Lock lock(m_mutex);
     return m_link ? m_link->peerProcessId() : 0;
+}
+
+std::shared_ptr<KxIpclibLink> KxIpclibStream::link()
+{
+    Lock lock(m_mutex);
+    return m_link;
 }
 
 std::u16string KxIpclibStream::name()

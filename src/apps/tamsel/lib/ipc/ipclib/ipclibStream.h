@@ -38,7 +38,7 @@ namespace tamsel::ipc {
 class KxIpclibLink;
 
 enum class KxIpclibStreamFlag : uint32_t {
-    Control = 0x8000,  // the link's control stream
+    Control = 0x8000,  // set on the link's control stream; a peer's flags never make one
 };
 
 using KxIpclibRecvFunction = std::function<void(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>)>;
@@ -70,6 +70,8 @@ public:
     // milliseconds::max(): wait for the peer's acknowledgement without a timer.
     KxIpcStatusCode close(std::chrono::milliseconds timeout);
     uint32_t peerProcessId();
+    // The link the stream runs over; empty once the stream has left it.
+    std::shared_ptr<KxIpclibLink> link();
     std::u16string name();
 
     // Opens a stream named `name` towards the peer on `link`: sends "Open" to
@@ -124,6 +126,11 @@ public:
     bool backlogged() const { return m_undeliveredBytes.load() > kRecvBacklogBytes; }
 
 protected:
+    // The control stream's own constructor.
+    KxIpclibStream(std::shared_ptr<KxIpclibLink> link, std::weak_ptr<tamsel::task::TaskExecutor> executor,
+                   std::u16string name, Flags<KxIpclibStreamFlag> flags, uint64_t peerStreamId,
+                   KxIpclibStreamState state, bool isControl);
+
     using Lock = std::unique_lock<std::mutex>;
 
     // Internal steps, with m_mutex held.
@@ -152,7 +159,7 @@ protected:
     std::atomic<KxIpclibStreamState> m_state;  // written under m_mutex; read by trace lines without it
     bool m_accepted = false;
     const uint64_t m_streamId;
-    const bool m_isControl;
+    const bool m_isControl;  // only KxIpclibStreamCtrl is one, whatever the flags say
     std::u16string m_name;
     Flags<KxIpclibStreamFlag> m_flags;
     KxIpcStatusCode m_rejectStatus = KxIpcStatusUnexpected;

@@ -18,7 +18,7 @@ KxIpclibStreamCtrl::KxIpclibStreamCtrl(std::shared_ptr<KxIpclibLink> link,
                                        std::weak_ptr<tamsel::task::TaskExecutor> executor,
                                        Flags<KxIpclibStreamFlag> flags)
     : KxIpclibStream(std::move(link), std::move(executor), u"link-control", flags | KxIpclibStreamFlag::Control, 0,
-                     KxIpclibStreamState::Init)
+                     KxIpclibStreamState::Init, true)
 {
 }
 

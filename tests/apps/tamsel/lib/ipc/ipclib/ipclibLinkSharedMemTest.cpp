@@ -14,6 +14,7 @@
 #include "common/LogCapture.h"
 
 #include <dirent.h>
+#include <fmt/format.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -397,6 +398,80 @@ TEST_F(ShmLinkByHand, ThePeerClosingItsPipeFailsTheLinkWithoutAnswer)
     pipeWrite.reset();
     ASSERT_TRUE(WaitUntil([&] { return link->stopReason() == 3; }));
     EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites.errorEvent()));
+}
+
+TEST_F(ShmLinkByHand, ByteCountersAndTheReadTraceFollowEveryBlockBothWays)
+{
+    ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+    unsigned int out = 0;
+    ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    auto stream = std::make_shared<KxIpclibStream>(link, executor, u"s", Flags<KxIpclibStreamFlag>(), 99,
+                                                   KxIpclibStreamState::Init);
+    ASSERT_EQ(link->addStream(stream), KxIpcStatusSuccess);
+    Counter received;
+    ASSERT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(),
+                             [&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+                                 if (msg->size() != 0)
+                                     received.add();
+                             }),
+              KxIpcStatusSuccess);
+
+    // Out: one message of 1000 bytes is one 40-byte-header block.
+    peerReads.signalBufferFree();
+    std::vector<uint8_t> data(1000, 0x11);
+    ASSERT_TRUE(stream->send(0, 1000, data.data(), [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}));
+    ASSERT_TRUE(WaitUntil([&] { return KxIpclibLinkChannelSharedMemLinux::Consume(peerReads.dataReadyEvent()); }));
+    EXPECT_EQ(link->bytesSent(), 1040u);
+    EXPECT_EQ(link->payloadBytesSent(), 1000u);
+
+    // In: a data block for the stream and one for a stream the link does not
+    // know; both arrived, so both count.
+    std::vector<uint8_t> unit(400, 0);
+    KxIpclibMsg known(KxIpclibMsgType::Msg, 0, 0, nullptr, 99, stream->streamId(), 8, "abcdefgh", nullptr);
+    KxIpclibMsg unknown(KxIpclibMsgType::Msg, 0, 0, nullptr, 98, 0x77, 5, "vwxyz", nullptr);
+    uint32_t used = KxIpclibTransferHeaderSize;
+    used += writeBlock(known, unit.data() + used, static_cast<uint32_t>(unit.size()) - used);
+    used += writeBlock(unknown, unit.data() + used, static_cast<uint32_t>(unit.size()) - used);
+    finishTransfer(unit.data(), used, 2, 1);
+    std::memcpy(peerWrites.view(), unit.data(), used);
+    peerWrites.signalDataReady();
+    ASSERT_TRUE(received.waitFor(1));
+    EXPECT_EQ(link->bytesReceived(), 48u + 45u);
+    EXPECT_EQ(link->payloadBytesReceived(), 13u);
+    EXPECT_EQ(log.CountContaining(fmt::format("linkId: {:#x}, trxSeqNo: 1, trxSize: {:#x}", link->linkId(), used)),
+              1u);
+    EXPECT_EQ(link->state(), KxIpclibLinkState::Connected);
+}
+
+TEST_F(ShmLinkByHand, APeerThatStoppedHasItsStreamsClosedAndTakenOutOfTheLinkAtOnce)
+{
+    unsigned int out = 0;
+    ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    auto stream = std::make_shared<KxIpclibStream>(link, executor, u"s", Flags<KxIpclibStreamFlag>(), 99,
+                                                   KxIpclibStreamState::Init);
+    ASSERT_EQ(link->addStream(stream), KxIpcStatusSuccess);
+    Counter ends;
+    Gate release;
+    ASSERT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(),
+                             [&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+                                 if (msg->size() == 0) {
+                                     ends.add();
+                                     release.pass();
+                                 }
+                             }),
+              KxIpcStatusSuccess);
+    peerReads.signalStop();
+    ASSERT_TRUE(ends.waitFor(1));
+    // While the application still holds the end-of-stream message, the link
+    // has let go of the stream and closed.
+    EXPECT_EQ(link->stopReason(), 1u);
+    EXPECT_TRUE(WaitUntil([&] { return link->streamCount() == 0; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(WaitUntil([&] { return link->state() == KxIpclibLinkState::Closed; }, std::chrono::seconds(5)));
+    EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
+    // The peer is told nothing back: it stopped first.
+    EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites.stopEvent()));
+    release.open();
+    EXPECT_EQ(ends.value(), 1);
 }
 
 TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)

@@ -5,6 +5,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListenerRpcLinux.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
 #include "task/TaskTestSupport.h"
@@ -397,9 +398,12 @@ TEST_F(RpcBootstrap, HostileCallersNeitherCrashNorStallTheServerAndLeakNothing)
                         pr.get());
     ASSERT_EQ(unknown.transport, KxIpcStatusSuccess);
     EXPECT_EQ(unknown.reply.status, KxIpcStatusNotFound);
-    auto tiny = Call(ep, encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2, 16)), pr.get());
-    EXPECT_EQ(tiny.reply.status, KxIpcStatusInvalidParam);
     EXPECT_EQ(server.offered(), 0u) << "no malformed call reached the application";
+    // A section of no bytes cannot be made; the stream was offered first.
+    auto empty = Call(ep, encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2, 0)), pr.get());
+    ASSERT_EQ(empty.transport, KxIpcStatusSuccess);
+    EXPECT_EQ(empty.reply.status, KxIpcStatusInvalidParam);
+    EXPECT_TRUE(empty.fds.empty());
 
     // With every silent caller still connected, a real client is served.
     EXPECT_EQ(Wait(Spawn({"echo", EpText(), "2"})), 0);
@@ -487,6 +491,67 @@ TEST_F(RpcBootstrap, SectionSizeIsCappedBelowOneMebibyte)
         EXPECT_TRUE((*client)->close());
     }
     EXPECT_TRUE(WaitUntil([&] { return lib->linkCount() == 0; }));
+}
+
+TEST_F(RpcBootstrap, TheCallersLinkIdVersionAndWholeFlagsAreKeptAndAnySectionSizeIsServed)
+{
+    StartServer();
+    int p[2];
+    ASSERT_EQ(::pipe2(p, O_CLOEXEC), 0);
+    platform::UniqueFd pipeRead(p[0]), pipeWrite(p[1]);
+    auto request = Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2, 100);
+    request.clientVersion = 3;
+    request.clientLinkId = 0x4C00ABCD00000007ull;
+    request.clientLinkFlags = 0x00050003;
+    request.clientStreamFlags = 0x00070001;
+    auto call = Call(ep, encodeBootstrapRequest(request), pipeRead.get());
+    ASSERT_EQ(call.transport, KxIpcStatusSuccess);
+    ASSERT_EQ(call.reply.status, KxIpcStatusSuccess);
+    EXPECT_EQ(call.reply.sectionSize, 100u);
+    // Only what goes back to the caller loses the low 16 bits.
+    EXPECT_EQ(call.reply.serverLinkFlags, 0x00050000u);
+    EXPECT_EQ(call.reply.serverStreamFlags, 0x00070000u);
+    std::shared_ptr<KxIpclibStream> stream;
+    {
+        std::lock_guard<std::mutex> guard(server.lock);
+        ASSERT_EQ(server.streams.size(), 1u);
+        stream = server.streams[0].lock();
+    }
+    ASSERT_TRUE(stream);
+    EXPECT_EQ(stream->flags().value(), 0x00070001u);
+    EXPECT_FALSE(stream->isControl());
+    auto link = stream->link();
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->peerLinkId(), 0x4C00ABCD00000007ull);
+    EXPECT_EQ(link->peerVersion(), 3u);
+    EXPECT_EQ(link->linkFlags(), 0x00050003u);
+    link.reset();
+    stream.reset();
+
+    // A section far below the default still carries messages both ways, each
+    // over many transfers.
+    Counter echoes;
+    KxIpclibClientOptions options;
+    options.sectionSize = 100;
+    auto client = KxIpclibClient::connect(ep, u"tolvCommands",
+                                          [&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+                                              if (msg->size() == 1000 && msg->data()[999] == 0x3C)
+                                                  echoes.add();
+                                          },
+                                          options);
+    ASSERT_TRUE(client) << client.error();
+    EXPECT_EQ((*client)->sectionSize(), 100u);
+    std::vector<uint8_t> data(1000, 0x3C);
+    ASSERT_TRUE((*client)->firstStream()->send(0, static_cast<uint32_t>(data.size()), data.data(),
+                                               [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}));
+    EXPECT_TRUE(echoes.waitFor(1));
+    EXPECT_TRUE((*client)->close());
+    client->reset();
+    // The raw caller lets go of its side; nothing of either link stays behind.
+    call.fds.clear();
+    pipeRead.reset();
+    pipeWrite.reset();
+    ExpectNoDescriptorLeak();
 }
 
 TEST_F(RpcBootstrap, ADeniedProcessHandleFallsBackToTheClientPipe)
