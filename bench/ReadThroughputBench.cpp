@@ -86,7 +86,7 @@ uint64_t PreadPass(int fd, uint64_t size, std::vector<uint8_t>& buffer)
 
 int main(int argc, char** argv)
 {
-    SetCurrentLogLevel(LOG_LEVEL_ERROR);
+    LogToStandardError("readThroughputBench", LOG_LEVEL_ERROR);
     const uint64_t mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 512;
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
     std::string path;

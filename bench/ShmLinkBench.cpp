@@ -339,7 +339,7 @@ LinkResult RunLink(const char* self)
 
 int main(int argc, char** argv)
 {
-    SetCurrentLogLevel(LOG_LEVEL_ERROR);
+    LogToStandardError("shmLinkBench", LOG_LEVEL_ERROR);
     if (argc == 6 && std::string(argv[1]) == "--peer") {
         const int fd = std::atoi(argv[3]);
         g_messages = static_cast<uint32_t>(std::strtoul(argv[4], nullptr, 10));

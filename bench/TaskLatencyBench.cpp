@@ -61,7 +61,7 @@ double Micros(Clock::time_point from, Clock::time_point to)
 
 int main(int argc, char** argv)
 {
-    SetCurrentLogLevel(LOG_LEVEL_ERROR);
+    LogToStandardError("taskLatencyBench", LOG_LEVEL_ERROR);
     const size_t samples = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 20000;
     auto executor = LinuxThreadPoolExecutor::create();
     platform::UniqueFd ack(::eventfd(0, EFD_CLOEXEC));

@@ -3,6 +3,7 @@
 #include "log/LogSink.h"
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
+#include "log/LogWriter.h"
 #include "log/LoggingLock.h"
 #include "platform/ErrnoText.h"
 #include "support/LxMutexLock.h"
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 std::atomic<int32_t> CurrentLogLevel{LOG_LEVEL_ALWAYS};
@@ -40,10 +42,9 @@ std::string FormatV(const char* format, va_list args)
     return text;
 }
 
-// The default logger gets every call and applies its own gate. The sink (a
-// test's capture) sees lines at or below CurrentLogLevel; without a sink and
-// without a started default logger, such lines go to standard error, so tools
-// that never make a logger still say what went wrong.
+// The default logger gets every call and applies its own gate; without one a
+// call does nothing. The sink (a test's capture) sees lines at or below
+// CurrentLogLevel beside the logger.
 template <typename ToLogger, typename MakeText>
 void Dispatch(const LogLine& base, ToLogger&& toLogger, MakeText&& makeText)
 {
@@ -51,17 +52,15 @@ void Dispatch(const LogLine& base, ToLogger&& toLogger, MakeText&& makeText)
     {
         LxMutexLock guard(LoggingLock());
         if (g_reentrancy.fetch_add(1) == 0) {
-            RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger();
-            if (logger)
+            if (RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger())
                 toLogger(*logger);
-            const bool loggerWrites = logger && logger->IsStarted();
-            if (base.level <= CurrentLogLevel.load() && (g_sink || !loggerWrites)) {
+            if (g_sink && base.level <= CurrentLogLevel.load()) {
                 std::string text = makeText();
                 if (!text.empty() && text.back() == '\n')
                     text.pop_back();
                 LogLine line = base;
                 line.text = text;
-                (g_sink ? *g_sink : StdErrLogSink()).Write(line);
+                g_sink->Write(line);
             }
         }
         g_reentrancy.fetch_sub(1);
@@ -154,10 +153,23 @@ void SetCurrentLogLevel(int32_t level)
 LogSink* SetLogSink(LogSink* sink)
 {
     LxMutexLock guard(LoggingLock());
-    LogSink* previous = g_sink ? g_sink : &StdErrLogSink();
-    // The standard-error sink is the fallback, not an observer.
-    g_sink = sink == &StdErrLogSink() ? nullptr : sink;
+    LogSink* previous = g_sink;
+    g_sink = sink;
     return previous;
+}
+
+bool LogToStandardError(const char* appName, int32_t level)
+{
+    RCPtr<Logger> logger = LoggerManager::GetInstance()->CreateLogger(std::string(appName) + "StdErrLogger", appName, true);
+    if (!logger || !logger->GetWriter(LogWriter::kStdErrWriter))
+        return false;
+    logger->SetLevel(level);
+    if (!logger->Start())
+        return false;
+    // Lines still queued are written and the logging thread stops before the
+    // statics it uses go.
+    std::atexit([] { LoggerManager::GetInstance()->Shutdown(); });
+    return true;
 }
 
 void WriteLogLine(const LogLine& line)

@@ -2,8 +2,8 @@
 // An observer of finished log lines beside the loggers: tests capture lines
 // through it. The sink is called under the process-wide logging lock, one line
 // at a time, with every line at or below CurrentLogLevel, and must not log
-// itself (a nested log call is dropped, not written). Without a sink, and
-// while no default logger is started, lines go to standard error.
+// itself (a nested log call is dropped, not written). Nothing else writes a
+// line that no default logger takes.
 
 #include <cstdint>
 #include <string_view>
@@ -23,16 +23,12 @@ public:
     virtual void Write(const LogLine& line) = 0;
 };
 
-// Installs `sink` (null or the standard-error sink: none) and returns the
-// previous one (the standard-error sink when there was none).
+// Installs `sink` (null: none) and returns the previous one (null when none).
 LogSink* SetLogSink(LogSink* sink);
 
 // Writes a finished line to the sink under the logging lock, with the same
 // level gate and re-entrancy rule as Log.
 void WriteLogLine(const LogLine& line);
-
-// The standard-error sink: " <tid> [pid] L function: text" after a local time stamp.
-LogSink& StdErrLogSink();
 
 // "%04d-%02d-%02d %02d:%02d:%02d.%03d" in local time, or the 'T'/'Z' form in UTC.
 // Truncates to `size`, always terminates, returns the characters written.

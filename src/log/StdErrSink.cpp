@@ -35,30 +35,3 @@ int FormatLogTimeStamp(char* buffer, int size, bool utc)
     }
     return n < size ? n : size - 1;
 }
-
-namespace {
-
-class StdErrSink final : public LogSink {
-public:
-    void Write(const LogLine& line) override
-    {
-        char stamp[64];
-        FormatLogTimeStamp(stamp, sizeof stamp, false);
-        const char* name = line.functionName ? line.functionName : "";
-        if (line.loggerName)
-            fprintf(stderr, "%s <%04X> [%04X] %c %s %s: %.*s\n", stamp, LogThreadId(),
-                    static_cast<unsigned>(getpid()), LogLevelLetter(line.level), line.loggerName, name,
-                    static_cast<int>(line.text.size()), line.text.data());
-        else
-            fprintf(stderr, "%s <%04X> [%04X] %c %s: %.*s\n", stamp, LogThreadId(), static_cast<unsigned>(getpid()),
-                    LogLevelLetter(line.level), name, static_cast<int>(line.text.size()), line.text.data());
-    }
-};
-
-} // namespace
-
-LogSink& StdErrLogSink()
-{
-    static StdErrSink sink;
-    return sink;
-}

@@ -60,7 +60,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: %s PATH   (a file, or /dev/NAME for a block device)\n", argv[0]);
         return 2;
     }
-    SetCurrentLogLevel(LOG_LEVEL_INFO);
+    LogToStandardError("driveServiceDemo", LOG_LEVEL_INFO);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep our lines in order with the log on stderr
     const std::string path = argv[1];
     std::string drivePath = path;

@@ -115,7 +115,7 @@ int Serve(const _GUID& ep)
 
 int main(int argc, char** argv)
 {
-    SetCurrentLogLevel(LOG_LEVEL_ERROR);
+    LogToStandardError("rpcPeer", LOG_LEVEL_ERROR);
     _GUID ep{};
     if (argc < 3 || !ParseGuid(argv[2], ep))
         return 2;

@@ -33,7 +33,7 @@ constexpr uint32_t kStreams = 3;
 
 int main(int argc, char** argv)
 {
-    SetCurrentLogLevel(LOG_LEVEL_ERROR);
+    LogToStandardError("shmLinkPeer", LOG_LEVEL_ERROR);
     if (argc != 2)
         return 2;
     const int socket = std::atoi(argv[1]);
