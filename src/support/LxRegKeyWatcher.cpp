@@ -147,7 +147,7 @@ bool LxRegKeyWatcher::Start(const RCPtr<LxPollThread>& pollThread)
     }
     SetTimeoutMS(WatchRegKey() ? -1 : kRetryMs, true);
     if (!pollThread->AddItem(RCPtr<LxPollItem>(this))) {
-        LOG_ERROR(function, "Failed to add %s to %s", GetName().c_str(), "the poll thread");
+        LOG_ERROR(function, "Failed to add %s to %s", GetName().c_str(), pollThread->GetName().c_str());
         return false;
     }
     return true;

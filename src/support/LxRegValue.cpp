@@ -28,6 +28,56 @@ bool ParseNumber(const std::string& text, uint64_t& value)
     return errno == 0 && end == text.c_str() + text.size();
 }
 
+// The system error behind a key that could not be opened, for its text.
+int OpenErrorNumber(uint32_t registryError)
+{
+    switch (registryError) {
+    case LxRegKey::kErrorNotFound:
+        return ENOENT;
+    case LxRegKey::kErrorAccessDenied:
+        return EACCES;
+    case LxRegKey::kErrorBadFormat:
+        return EINVAL;
+    default:
+        return EIO;
+    }
+}
+
+// Reads the value file `entry` of the open key folder `folder`; false with
+// the reason in `error` when there is no such value or it cannot be read.
+bool ReadValueFile(int folder, const std::string& entry, std::string& text, int& error)
+{
+    if (entry.empty()) {
+        error = ENOENT;
+        return false;
+    }
+    platform::UniqueFd fd(openat(folder, entry.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    struct stat st {};
+    if (!fd || fstat(fd.get(), &st) != 0) {
+        error = errno;
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        error = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = platform::RetryOnEintr([&] { return read(fd.get(), buffer, sizeof buffer); });
+        if (n < 0) {
+            error = errno;
+            return false;
+        }
+        if (n == 0)
+            return true;
+        text.append(buffer, static_cast<size_t>(n));
+        if (text.size() > LxRegValue::kMaxSize) {
+            error = EFBIG;
+            return false;
+        }
+    }
+}
+
 uint64_t LoadNumber(const std::vector<uint8_t>& data)
 {
     uint64_t value = 0;
@@ -81,39 +131,18 @@ bool LxRegValue::Load(int32_t level, bool keepKeyOpen)
     std::vector<uint8_t> data;
     const uint32_t opened = m_key->OpenKey();
     if (opened != 0) {
-        if (opened != LxRegKey::kErrorNotFound && CurrentLogLevel >= level)
-            Log(function, level, "RegOpenKeyEx(\"%s\") failed; (%u)", m_key->GetLocation().c_str(), opened);
+        if (CurrentLogLevel >= level)
+            LogWithErrorCode(OpenErrorNumber(opened), function, level, "RegOpenKeyEx(\"%s\") failed",
+                             m_key->GetLocation().c_str());
     } else {
-        const std::string entry = LxRegKey::FindEntry(m_key->GetPath(), m_name);
-        if (!entry.empty()) {
-            platform::UniqueFd fd(openat(m_key->GetHandle(), entry.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-            struct stat st {};
-            std::string text;
-            bool readable = fd && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
-                            static_cast<uint64_t>(st.st_size) <= kMaxSize;
-            if (readable) {
-                char buffer[4096];
-                for (;;) {
-                    const ssize_t n = platform::RetryOnEintr([&] { return read(fd.get(), buffer, sizeof buffer); });
-                    if (n < 0) {
-                        readable = false;
-                        break;
-                    }
-                    if (n == 0)
-                        break;
-                    text.append(buffer, static_cast<size_t>(n));
-                    if (text.size() > kMaxSize) {
-                        readable = false;
-                        break;
-                    }
-                }
-            }
-            if (readable) {
-                Parse(text, type, data);
-                found = true;
-            } else if (CurrentLogLevel >= level) {
-                LogWithLastError(function, level, "RegQueryValueEx(\"%s\") failed", GetLocation().c_str());
-            }
+        int error = 0;
+        std::string text;
+        if (!ReadValueFile(m_key->GetHandle(), LxRegKey::FindEntry(m_key->GetPath(), m_name), text, error)) {
+            if (CurrentLogLevel >= level)
+                LogWithErrorCode(error, function, level, "RegQueryValueEx(\"%s\") failed", GetLocation().c_str());
+        } else {
+            Parse(text, type, data);
+            found = true;
         }
         if (!keepKeyOpen)
             m_key->CloseKey();
@@ -237,17 +266,22 @@ void LxRegValue::LogData(int32_t level) const
         return;
     static const char kLetters[] = "NSEBDDLMRFRQ";
     const char letter = m_type < sizeof kLetters - 1 ? kLetters[m_type] : '?';
+    // The dump has a buffer of its own; a value too long for it shows the
+    // rows that fit and says so.
+    constexpr size_t kDumpChars = 1024;
     std::string dump;
     char row[128];
-    for (size_t at = 0; at < m_data.size() && at < 256; at += 16) {
+    for (size_t at = 0; at < m_data.size(); at += 16) {
         int n = snprintf(row, sizeof row, "%*s0x%04x: ", 4, "", static_cast<unsigned>(at));
         for (size_t i = at; i < at + 16 && i < m_data.size() && n > 0 && n < static_cast<int>(sizeof row) - 4; ++i)
             n += snprintf(row + n, sizeof row - static_cast<size_t>(n), "%02x ", m_data[i]);
+        if (dump.size() + strlen(row) + 1 > kDumpChars) {
+            dump += "    BUFFER TOO SMALL\n";
+            break;
+        }
         dump += row;
         dump += '\n';
     }
-    if (m_data.size() > 256)
-        dump += "    ...\n";
     Log("LxRegValue::LogData()", level, "%s  Location(%s%s)  Type(%s/%c)  Size(%d)%s%s", m_name.c_str(),
         m_key->GetLocation().c_str(), m_key->GetView() == LxRegKey::Alternate ? "/WOW64" : "", TypeName(m_type),
         letter, static_cast<int>(m_data.size()), dump.empty() ? "" : "\n", dump.c_str());

@@ -1,5 +1,6 @@
 #include "common/LogCapture.h"
 #include "common/SettingsStore.h"
+#include "platform/ErrnoText.h"
 #include "support/LxPolicyValue.h"
 #include "support/LxPolicyWatcher.h"
 #include "support/LxPollThread.h"
@@ -12,6 +13,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -125,6 +127,49 @@ TEST_F(LxRegistryTest, ValuesTakeTheirTypeFromTheirTextAndReportOnlyRealChanges)
     Put("HKLM/Software/Test", "Setting", std::string(LxRegValue::kMaxSize + 1, 'x'));
     EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
     EXPECT_FALSE(value.Exists());
+}
+
+TEST_F(LxRegistryTest, FailuresAndLongDumpsAreLoggedInTheirOwnWords)
+{
+    ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+    const char* load = "LxRegValue::Load()";
+    LxRegValue value(MakeRC<LxRegKey>("HKLM\\Software\\Texts"), "Blob");
+    EXPECT_FALSE(value.Load(LOG_LEVEL_INFO));
+    EXPECT_EQ(log.Count("RegOpenKeyEx(\"HKLM\\Software\\Texts\") failed; (2) " + platform::ErrnoText(ENOENT), load),
+              1u);
+    Put("HKLM/Software/Texts", "Other", "1");
+    EXPECT_FALSE(value.Load(LOG_LEVEL_INFO));
+    EXPECT_EQ(log.Count("RegQueryValueEx(\"HKLM\\Software\\Texts\\Blob\") failed; (2) " + platform::ErrnoText(ENOENT),
+                        load),
+              1u);
+
+    // A short value is dumped whole; a long one as far as the dump holds.
+    auto dumpOf = [&](const std::string& text) {
+        Put("HKLM/Software/Texts", "Blob", text);
+        log.Clear();
+        value.Load(LOG_LEVEL_INFO);
+        for (const CapturedLine& line : log.Lines())
+            if (line.function == "LxRegValue::LogData()")
+                return line.text;
+        return std::string();
+    };
+    const std::string shortDump = dumpOf("short text");
+    EXPECT_NE(shortDump.find("    0x0000: 73 68 6f 72 74 20 74 65 78 74 00"), std::string::npos) << shortDump;
+    EXPECT_EQ(shortDump.find("BUFFER TOO SMALL"), std::string::npos);
+    const std::string longDump = dumpOf(std::string(4000, 'x'));
+    EXPECT_NE(longDump.find("    0x0000: 78 78"), std::string::npos) << longDump;
+    EXPECT_NE(longDump.find("BUFFER TOO SMALL"), std::string::npos) << longDump;
+
+    // A key watcher that is on a poll thread already cannot be added again.
+    auto thread = MakeRC<LxPollThread>("TextsThread");
+    ASSERT_TRUE(thread->StartScheduler());
+    auto watcher = MakeRC<LxRegKeyWatcher>(MakeRC<LxRegKey>("HKLM\\Software\\Texts"));
+    ASSERT_TRUE(watcher->Start(thread));
+    EXPECT_FALSE(watcher->Start(thread));
+    EXPECT_EQ(log.Count("Failed to add LxRegKeyWatcher(HKLM\\Software\\Texts) to TextsThread", "LxRegKeyWatcher::Start()"),
+              1u);
+    EXPECT_TRUE(watcher->Stop());
+    thread->StopScheduler();
 }
 
 TEST_F(LxRegistryTest, BooleansFollowTheirTypes)
