@@ -290,36 +290,65 @@ bool LogWriter::Shutdown()
 
 void LogWriter::SetBufferingEnabled(bool enabled)
 {
-    LxMutexLock guard(LoggingLock());
-    if (enabled == m_bufferingEnabled)
-        return;
-    if (m_bufferingEnabled) {
-        m_pollItem->Disable(false);
-        if (!m_pollItem->IsRunning())
-            DrainBothQueues();
-    }
-    m_bufferingEnabled = enabled;
-    if (enabled) {
-        if (!m_pollItem->IsRunning())
-            DrainBothQueues();
-        m_pollItem->Enable();
-    }
+    Switch(m_wantBuffering, enabled);
 }
 
 void LogWriter::SetEnabled(bool enabled)
 {
+    Switch(m_wantEnabled, enabled);
+}
+
+void LogWriter::Switch(bool& want, bool value)
+{
     LxMutexLock guard(LoggingLock());
-    if (enabled == m_enabled)
+    want = value;
+    // A switch in progress has given the lock up while it waits; it applies
+    // this request too before it ends.
+    if (m_switching)
         return;
-    if (m_enabled) {
-        m_pollItem->Disable(false);
-        if (!m_pollItem->IsRunning())
+    m_switching = true;
+    for (;;) {
+        std::atomic<bool>* flag = nullptr;
+        bool target = false;
+        if (m_enabled.load() != m_wantEnabled) {
+            flag = &m_enabled;
+            target = m_wantEnabled;
+        } else if (m_bufferingEnabled.load() != m_wantBuffering) {
+            flag = &m_bufferingEnabled;
+            target = m_wantBuffering;
+        } else {
+            break;
+        }
+        if (flag->load()) {
+            // No new drain starts; one in progress finishes first, so what is
+            // queued behind it is written after it, in order.
+            m_pollItem->Disable(false);
+            WaitForPollDrain();
             DrainBothQueues();
-    }
-    m_enabled = enabled;
-    if (enabled) {
-        if (!m_pollItem->IsRunning())
+        }
+        flag->store(target);
+        if (target) {
             DrainBothQueues();
-        m_pollItem->Enable();
+            m_pollItem->Enable();
+        }
     }
+    m_switching = false;
+}
+
+void LogWriter::WaitForPollDrain()
+{
+    if (!m_pollItem->IsRunning())
+        return;  // a run that has not reached the queues yet finds the switch and stops
+    RCPtr<LxPollThread> thread = m_pollItem->GetPollThread();
+    if (!thread)
+        return;
+    // The drain, and whatever it logs, needs the logging lock: every level of
+    // this thread's hold is given up for the wait and taken back after.
+    LxMutex& lock = LoggingLock();
+    int depth = 0;
+    while (lock.Release())
+        ++depth;
+    thread->WaitForItemToComplete(m_pollItem.get());
+    while (depth-- > 0)
+        lock.Acquire(LxMutex::kInfinite);
 }

@@ -103,6 +103,11 @@ private:
     };
 
     void EnterBatchMode(const RCPtr<LogMessage>& current);
+    // Switching a flag off waits for a poll drain in progress, then writes out
+    // what is queued; switching it on writes out what is queued and lets the
+    // poll item run again.
+    void Switch(bool& want, bool value);
+    void WaitForPollDrain();
     void DrainBothQueues();
 
     const int32_t m_type;
@@ -126,8 +131,15 @@ private:
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_enabled{true};           // written under the logging lock
     std::atomic<Logger*> m_logger{nullptr};
+    bool m_wantEnabled = true;      // guarded by the logging lock
+    bool m_wantBuffering = false;   // guarded by the logging lock
+    bool m_switching = false;       // guarded by the logging lock
 
 protected:
     // Set by writers that buffer from the start (file, socket); before Start.
-    void InitBuffering(bool enabled) { m_bufferingEnabled = enabled; }
+    void InitBuffering(bool enabled)
+    {
+        m_bufferingEnabled = enabled;
+        m_wantBuffering = enabled;
+    }
 };

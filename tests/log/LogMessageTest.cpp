@@ -6,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -113,6 +117,77 @@ TEST_F(LogWriterQueue, AFullQueueSwitchesToBatchModeAndLosesNothing)
     }
     EXPECT_EQ(lines, 15050u);
     EXPECT_TRUE(inOrder);
+}
+
+
+// A buffering writer whose device holds the first message until let go, so a
+// poll drain can be caught in progress.
+class GatedWriter final : public LogWriter {
+public:
+    GatedWriter() : LogWriter(kStdOutWriter) { InitBuffering(true); }
+    bool Open() override { return true; }
+    bool Close() override { return true; }
+    bool WriteMessage(const RCPtr<LogMessage>& message) override
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!entered) {
+            entered = true;
+            changed.notify_all();
+            changed.wait_for(lock, std::chrono::seconds(60), [&] { return released; });
+        }
+        written.emplace_back(message->GetText());
+        return true;
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        released = true;
+        changed.notify_all();
+    }
+    bool WaitEntered()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(60), [&] { return entered; });
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool entered = false;
+    bool released = false;
+    std::vector<std::string> written;
+};
+
+RCPtr<LogMessage> Text(const char* text)
+{
+    RCPtr<LogMessage> message = MakeRC<LogMessage>();
+    message->Append(text, -1, true);
+    return message;
+}
+
+TEST(LogWriterSwitch, SwitchingOffWaitsForTheDrainAndWritesTheQueueInOrder)
+{
+    for (const bool buffering : {true, false}) {
+        SCOPED_TRACE(buffering ? "buffering off" : "writer off");
+        RCPtr<GatedWriter> writer = MakeRC<GatedWriter>();
+        ASSERT_TRUE(writer->Start());
+        writer->Write(Text("first"));
+        ASSERT_TRUE(writer->WaitEntered());  // the poll drain holds "first"
+        writer->Write(Text("second"));
+        writer->Write(Text("third"));
+        auto switched = std::async(std::launch::async, [&] {
+            if (buffering)
+                writer->SetBufferingEnabled(false);
+            else
+                writer->SetEnabled(false);
+            std::lock_guard<std::mutex> lock(writer->mutex);
+            return writer->written;
+        });
+        writer->Release();
+        ASSERT_EQ(switched.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        // Everything queued is out by the time the switch returns, in order.
+        EXPECT_EQ(switched.get(), (std::vector<std::string>{"first\n", "second\n", "third\n"}));
+        writer->Shutdown();
+    }
 }
 
 } // namespace
