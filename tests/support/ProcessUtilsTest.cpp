@@ -1,0 +1,379 @@
+// Sessions, impersonation and the system texts, against real login sessions:
+// a child process of a user made for the test sets its login uid, which gives
+// it a new audit session, the way a login does.
+
+#include "support/LxImpersonateSession.h"
+#include "support/ProcessUtils.h"
+#include "SupportTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using ProcessUtils::kNoSession;
+
+// Runs a program and returns its exit code; -1 when it could not run.
+int RunProgram(std::vector<std::string> args)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, 1);
+        dup2(null, 2);
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+// The credentials of one thread of this process, as the kernel shows them.
+struct ThreadCredentials {
+    uid_t effectiveUid = 0;
+    gid_t effectiveGid = 0;
+    std::string groups;
+};
+
+ThreadCredentials ReadThreadCredentials(pid_t tid)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
+    ThreadCredentials found;
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        std::string key;
+        unsigned long real = 0;
+        unsigned long effective = 0;
+        fields >> key;
+        if (key == "Uid:" && fields >> real >> effective)
+            found.effectiveUid = static_cast<uid_t>(effective);
+        else if (key == "Gid:" && fields >> real >> effective)
+            found.effectiveGid = static_cast<gid_t>(effective);
+        else if (key == "Groups:")
+            found.groups = line.substr(7);
+    }
+    return found;
+}
+
+std::string KernelThreadName(pid_t tid)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/comm");
+    std::string name;
+    std::getline(in, name);
+    return name;
+}
+
+// A user made for the test and a process logged on as that user in a login
+// session of its own. Anything the machine does not allow leaves `why` set.
+class LoginSession {
+public:
+    LoginSession()
+    {
+        if (geteuid() != 0) {
+            why = "needs root to make a user and set a login uid";
+            return;
+        }
+        userName = "tolvimp" + std::to_string(getpid());
+        if (RunProgram({"/usr/sbin/useradd", "--no-create-home", "--no-user-group", "--shell", "/bin/false",
+                        userName}) != 0) {
+            why = "useradd could not make a user";
+            userName.clear();
+            return;
+        }
+        struct passwd* entry = getpwnam(userName.c_str());
+        if (!entry) {
+            why = "the made user cannot be looked up";
+            return;
+        }
+        uid = entry->pw_uid;
+        gid = entry->pw_gid;
+
+        int report[2];
+        int hold[2];
+        if (pipe2(report, O_CLOEXEC) != 0 || pipe2(hold, O_CLOEXEC) != 0) {
+            why = "no pipes";
+            return;
+        }
+        m_child = fork();
+        if (m_child == 0) {
+            close(report[0]);
+            close(hold[1]);
+            // The login: setting the login uid starts a new audit session.
+            const std::string text = std::to_string(uid);
+            const int fd = open("/proc/self/loginuid", O_WRONLY);
+            uint32_t session = kNoSession;
+            if (fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()))
+                session = ProcessUtils::GetSessionID(false, kNoSession);
+            if (setgid(gid) != 0 || setuid(uid) != 0)
+                session = kNoSession;
+            if (write(report[1], &session, sizeof session) != sizeof session)
+                _exit(1);
+            char byte;
+            (void)!read(hold[0], &byte, 1); // stays logged on until the test lets go
+            _exit(0);
+        }
+        close(report[1]);
+        close(hold[0]);
+        m_hold = hold[1];
+        uint32_t reported = kNoSession;
+        const bool got = read(report[0], &reported, sizeof reported) == sizeof reported;
+        close(report[0]);
+        if (!got || reported == kNoSession || reported == 0) {
+            why = "this machine does not let a process set its login uid";
+            return;
+        }
+        sessionId = reported;
+    }
+
+    // Logs the session's process off and waits until it is gone.
+    void End()
+    {
+        if (m_hold >= 0)
+            close(m_hold);
+        m_hold = -1;
+        if (m_child > 0)
+            waitpid(m_child, nullptr, 0);
+        m_child = -1;
+    }
+
+    ~LoginSession()
+    {
+        End();
+        if (!userName.empty())
+            RunProgram({"/usr/sbin/userdel", userName});
+    }
+
+    std::string why;
+    std::string userName;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    uint32_t sessionId = kNoSession;
+
+private:
+    pid_t m_child = -1;
+    int m_hold = -1;
+};
+
+TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
+{
+    LoginSession login;
+    if (!login.why.empty())
+        GTEST_SKIP() << login.why;
+
+    // The session as the queries see it.
+    uint32_t resolved = 0;
+    EXPECT_TRUE(ProcessUtils::IsValidSession(login.sessionId, &resolved));
+    EXPECT_EQ(resolved, login.sessionId);
+    const std::u16string expectedName(login.userName.begin(), login.userName.end());
+    EXPECT_EQ(ProcessUtils::GetSessionUserName(login.sessionId), expectedName);
+    char* sid = nullptr;
+    ASSERT_TRUE(ProcessUtils::GetUserSIDForSession(login.sessionId, &sid, LOG_LEVEL_ERROR));
+    EXPECT_EQ(std::string(sid), std::to_string(login.uid));
+    free(sid);
+
+    WaitableLogCapture capture(LOG_LEVEL_DEBUG);
+    LxImpersonateSession session;
+    ASSERT_TRUE(session.Init(login.sessionId));
+    EXPECT_TRUE(session.Init(login.sessionId));
+    EXPECT_EQ(capture.Count("Already impersonating session " + std::to_string(login.sessionId)), 1u);
+
+    const pid_t mainThread = gettid();
+    const ThreadCredentials own = ReadThreadCredentials(mainThread);
+    char folder[] = "/tmp/tolvimpXXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    chmod(folder, 0777);
+    const std::string made = std::string(folder) + "/made-by-session";
+
+    std::promise<void> switched;
+    std::promise<void> checked;
+    bool started = false;
+    bool stopped = false;
+    uint32_t sessionSeen = 0;
+    ThreadCredentials during;
+    ThreadCredentials after;
+    std::thread worker([&] {
+        started = session.Start();
+        sessionSeen = ProcessUtils::GetSessionID(true, kNoSession);
+        during = ReadThreadCredentials(gettid());
+        close(open(made.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        switched.set_value();
+        checked.get_future().wait();
+        stopped = session.Stop();
+        after = ReadThreadCredentials(gettid());
+    });
+    switched.get_future().wait();
+    // While one thread acts as the user, the others keep their own credentials.
+    const ThreadCredentials meanwhile = ReadThreadCredentials(mainThread);
+    EXPECT_EQ(meanwhile.effectiveUid, own.effectiveUid);
+    EXPECT_EQ(meanwhile.groups, own.groups);
+    EXPECT_NE(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
+    // And a Stop from a thread that did not start it changes nothing.
+    EXPECT_FALSE(session.Stop());
+    EXPECT_TRUE(session.IsImpersonating());
+    checked.set_value();
+    worker.join();
+
+    ASSERT_TRUE(started);
+    EXPECT_EQ(during.effectiveUid, login.uid);
+    EXPECT_EQ(during.effectiveGid, login.gid);
+    EXPECT_EQ(sessionSeen, login.sessionId);
+    struct stat st {};
+    ASSERT_EQ(stat(made.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, login.uid);
+    unlink(made.c_str());
+    rmdir(folder);
+
+    EXPECT_TRUE(stopped);
+    EXPECT_FALSE(session.IsImpersonating());
+    EXPECT_EQ(after.effectiveUid, own.effectiveUid);
+    EXPECT_EQ(after.effectiveGid, own.effectiveGid);
+    EXPECT_EQ(after.groups, own.groups);
+    const std::string id = std::to_string(login.sessionId);
+    EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " started"), 1u);
+    EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " stopped"), 1u);
+
+    // Once its last process has gone the session no longer exists.
+    login.End();
+    session.Reset();
+    EXPECT_FALSE(ProcessUtils::IsValidSession(login.sessionId));
+    EXPECT_FALSE(session.Init(login.sessionId));
+    EXPECT_EQ(capture.Count("Invalid session ID " + id), 1u);
+    EXPECT_EQ(session.SessionId(), kNoSession);
+}
+
+TEST(LxImpersonateSession, RefusesSessionZeroAndNeedsInitBeforeStart)
+{
+    WaitableLogCapture capture(LOG_LEVEL_VERBOSE);
+    LxImpersonateSession session;
+    EXPECT_TRUE(session.Stop());
+    EXPECT_TRUE(capture.Lines().empty());
+
+    EXPECT_FALSE(session.Init(0));
+    EXPECT_EQ(capture.Count("SessionID(0) - Impersonating session 0 not allowed"), 1u);
+    EXPECT_EQ(capture.Count("Failed to get user token for session 0"), 1u);
+    EXPECT_EQ(session.SessionId(), kNoSession);
+    EXPECT_FALSE(session.Start());
+    EXPECT_EQ(capture.Count("Not initialized on session -1"), 1u);
+    EXPECT_FALSE(session.IsImpersonating());
+
+    // Session 0 has no user: the SID query fails, quietly when asked to.
+    char* sid = reinterpret_cast<char*>(1);
+    const size_t before = capture.Lines().size();
+    EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, -1));
+    EXPECT_EQ(sid, nullptr);
+    EXPECT_EQ(capture.Lines().size(), before);
+    EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, LOG_LEVEL_WARN));
+    EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
+    EXPECT_TRUE(ProcessUtils::GetSessionUserName(0).empty());
+}
+
+TEST(LxProcessUtils, ServiceAccountsAreRootAndSystemUsersOnly)
+{
+    LoginSession login;
+    if (!login.why.empty())
+        GTEST_SKIP() << login.why;
+    EXPECT_TRUE(ProcessUtils::IsServiceAccount());
+    // An ordinary user, and a system one, each in a process of its own.
+    auto childAnswer = [](uid_t uid) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            if (setuid(uid) != 0)
+                _exit(2);
+            _exit(ProcessUtils::IsServiceAccount() ? 1 : 0);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(childAnswer(login.uid), 0) << "uid " << login.uid;
+    struct passwd* daemonUser = getpwnam("daemon");
+    if (daemonUser) {
+        EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
+    }
+}
+
+TEST(LxProcessUtils, ThreadNamesReachTheKernelKeepingTheThreadPart)
+{
+    std::promise<pid_t> tid;
+    std::promise<void> named;
+    std::thread other([&] {
+        tid.set_value(gettid());
+        named.get_future().wait();
+    });
+    const pid_t otherTid = tid.get_future().get();
+    ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "tolvClientWorker!LogPollThread");
+    EXPECT_EQ(KernelThreadName(otherTid), "LogPollThread");
+    ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "w!Poll");
+    EXPECT_EQ(KernelThreadName(otherTid), "w!Poll");
+    named.set_value();
+    other.join();
+
+    const std::string before = KernelThreadName(gettid());
+    ProcessUtils::SetThreadName(kNoSession, "a-very-long-thread-name-without-module");
+    EXPECT_EQ(KernelThreadName(gettid()), "a-very-long-thr");
+    ProcessUtils::SetThreadName(kNoSession, before.c_str());
+}
+
+TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
+{
+    // This test program carries the version record of the library it links.
+    char self[4096];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    ASSERT_GT(n, 0);
+    const std::string image(self, static_cast<size_t>(n));
+    const std::string time = ProcessUtils::GetFileTimeText(image);
+    ASSERT_FALSE(time.empty());
+    EXPECT_EQ(ProcessUtils::GetModuleVersionText(image), "version=" TOLV_VERSION_TEXT " (" + time + ")");
+
+    // A file without the record, with a known time.
+    char path[] = "/tmp/tolvverXXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    // Half an ELF header: read as a file without a version record, never past its end.
+    const char elfStart[] = {0x7f, 'E', 'L', 'F', 2, 1, 1, 0};
+    ASSERT_EQ(write(fd, elfStart, sizeof elfStart), static_cast<ssize_t>(sizeof elfStart));
+    close(fd);
+    struct tm when {};
+    when.tm_year = 2021 - 1900;
+    when.tm_mon = 2;
+    when.tm_mday = 5;
+    when.tm_hour = 4;
+    when.tm_min = 5;
+    when.tm_sec = 6;
+    when.tm_isdst = -1;
+    const struct timespec times[2] = {{mktime(&when), 0}, {mktime(&when), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path, times, 0), 0);
+    EXPECT_EQ(ProcessUtils::GetFileTimeText(path), "Mar  5 2021 04:05:06");
+    EXPECT_EQ(ProcessUtils::GetFileProductVersionText(path), "");
+    EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information (Mar  5 2021 04:05:06)");
+    unlink(path);
+    EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information");
+    EXPECT_EQ(ProcessUtils::GetFileTimeText(""), "");
+
+    struct utsname names {};
+    ASSERT_EQ(uname(&names), 0);
+    const std::string os = ProcessUtils::GetOSVersionText();
+    EXPECT_NE(os.find(std::string(", Version ") + names.release + ", 64-bit"), std::string::npos) << os;
+    EXPECT_EQ(ProcessUtils::GetOSVersionText(), os);
+}
+
+} // namespace
