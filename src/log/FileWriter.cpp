@@ -4,6 +4,7 @@
 #include "log/LogLevel.h"
 #include "log/LogSink.h"
 #include "log/LogSystemInfo.h"
+#include "support/ProcessUtils.h"
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
 #include "log/LoggingLock.h"
@@ -233,7 +234,9 @@ std::string FileWriter::BuildFileName(int32_t index) const
     if (index == 0)
         return name + "*";
     char part[64];
-    snprintf(part, sizeof part, "%c%u%c%u", '-', logsys::SessionId(), '-', GetProcessId());
+    snprintf(part, sizeof part, "%c%d%c%d", '-',
+             static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession)), '-',
+             static_cast<int>(GetProcessId()));
     name += part;
     if (index < 0)
         return name;
@@ -256,7 +259,7 @@ bool FileWriter::DetermineDefaultFolder(std::string& folder)
 {
     // A system service writes below /var/log; anybody else in a private
     // folder beside the temporary directory.
-    if (logsys::SessionId() == 0 && geteuid() < 1000) {
+    if (ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession) == 0 && ProcessUtils::IsServiceAccount()) {
         folder = "/var/log/Corvanta/Veltrane/logs/";
         struct stat st {};
         return stat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode);

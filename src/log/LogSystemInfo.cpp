@@ -1,47 +1,14 @@
 #include "log/LogSystemInfo.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
-#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-
-#ifndef TOLV_VERSION_TEXT
-#define TOLV_VERSION_TEXT "0.0.0"
-#endif
 
 namespace logsys {
-
-uint32_t SessionId()
-{
-    std::ifstream in("/proc/self/sessionid");
-    unsigned long long id = 0;
-    if (!(in >> id) || id == 0xFFFFFFFFull)
-        return 0; // unset: a process outside any login session
-    return static_cast<uint32_t>(id);
-}
-
-std::string OsVersionText()
-{
-    std::string pretty = "Linux";
-    std::ifstream in("/etc/os-release");
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("PRETTY_NAME=", 0) != 0)
-            continue;
-        pretty = line.substr(12);
-        if (pretty.size() >= 2 && (pretty.front() == '"' || pretty.front() == '\''))
-            pretty = pretty.substr(1, pretty.size() - 2);
-        break;
-    }
-    struct utsname names {};
-    const std::string release = uname(&names) == 0 ? names.release : "unknown";
-    return pretty + ", kernel " + release + ", 64-bit";
-}
 
 std::string LoggingModulePath()
 {
@@ -61,21 +28,6 @@ std::string ProcessImagePath()
     if (n <= 0)
         return {};
     return std::string(path, static_cast<size_t>(n));
-}
-
-std::string ModuleVersionText(const std::string& path)
-{
-    std::string text = "version " TOLV_VERSION_TEXT;
-    struct stat st {};
-    if (!path.empty() && stat(path.c_str(), &st) == 0) {
-        struct tm parts {};
-        localtime_r(&st.st_mtime, &parts);
-        char stamp[64];
-        strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &parts);
-        text += ", file time ";
-        text += stamp;
-    }
-    return text;
 }
 
 std::string TimeZoneText()

@@ -11,6 +11,7 @@
 #include "log/LogLevel.h"
 #include "log/LogSink.h"
 #include "log/LogSystemInfo.h"
+#include "support/ProcessUtils.h"
 #include "log/LoggerManager.h"
 #include "log/LoggingLock.h"
 #include "platform/ErrnoText.h"
@@ -361,13 +362,14 @@ void Logger::LogStartupInfo()
     const std::string module = logsys::LoggingModulePath();
     const std::string image = logsys::ProcessImagePath();
     const std::string moduleField = module.empty() ? std::string("Logger::LogStartupInfo()") : module;
-    LogLine0(*this, moduleField.c_str(), "%s%s\n", logsys::ModuleVersionText(module).c_str(),
-             (std::string(", buildtype=") + kBuildType + "/x64" + ", sessionId=" +
-              std::to_string(logsys::SessionId()))
-                 .c_str());
+    char session[32];
+    snprintf(session, sizeof session, ", sessionId=%d",
+             static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession)));
+    LogLine0(*this, moduleField.c_str(), "%s%s\n", ProcessUtils::GetModuleVersionText(module).c_str(),
+             (std::string(", buildtype=") + kBuildType + "/x64" + session).c_str());
     if (!image.empty() && image != module)
-        LogLine0(*this, image.c_str(), "%s\n", logsys::ModuleVersionText(image).c_str());
-    LogLine0(*this, "OS Version", "%s%s\n", logsys::OsVersionText().c_str(), "");
+        LogLine0(*this, image.c_str(), "%s\n", ProcessUtils::GetModuleVersionText(image).c_str());
+    LogLine0(*this, "OS Version", "%s%s\n", ProcessUtils::GetOSVersionText().c_str(), "");
     char other[64];
     FormatLogTimeStamp(other, sizeof other, UsesLocalTime());
     LogLine0(*this, "Time Zone", "%s, %s time is %s\n", logsys::TimeZoneText().c_str(),

@@ -1,6 +1,6 @@
 #include "log/FileWriter.h"
 #include "log/Log.h"
-#include "log/LogSystemInfo.h"
+#include "support/ProcessUtils.h"
 #include "log/LogTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -55,7 +55,7 @@ TEST_F(FileWriterTest, PropertiesAreCheckedAndLimitsFollowTheLevel)
 TEST_F(FileWriterTest, FileNamesNameTheApplicationSessionProcessAndIndex)
 {
     MakeLogger(false);
-    const std::string process = "veltrane-tolvTest-" + std::to_string(logsys::SessionId()) + "-" +
+    const std::string process = "veltrane-tolvTest-" + std::to_string(static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession))) + "-" +
                                 std::to_string(getpid());
     const std::string minute = R"(__\d{4}-\d\d-\d\d-\d\d-\d\d\.log)";
     EXPECT_EQ(writer->BuildFileName(0), "veltrane-tolvTest*");

@@ -77,8 +77,9 @@ TEST_F(LoggerTest, LinesCarryThePrefixSeparatorsAndContinuations)
 
     // The start-up block comes first, from this thread, with no separator.
     ASSERT_FALSE(lines.empty());
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(kStamp + " <" + mainTid + "> \\[" + pid + "\\] A .+: .*" +
-                                                      "buildtype=.*, sessionId=\\d+")))
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(kStamp + " <" + mainTid + "> \\[" + pid + "\\] A .+: version=\\d+\\.\\d+\\.\\d+ " +
+                                                      "\\(\\w{3} [ \\d]\\d \\d{4} \\d\\d:\\d\\d:\\d\\d\\)" +
+                                                      ", buildtype=\\w+/x64, sessionId=-?\\d+")))
         << lines[0];
     EXPECT_NE(IndexOf(lines, "A OS Version: "), std::string::npos);
     EXPECT_NE(IndexOf(lines, "A Time Zone: "), std::string::npos);

@@ -7,6 +7,7 @@
 #include "common/TempDir.h"
 
 #include "platform/UniqueFd.h"
+#include "support/ProcessUtils.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -176,6 +177,16 @@ TEST(WorkerProcess, QuitsWithZeroWhenNobodyConnectsWithinFiveSeconds)
     EXPECT_NE(log.find("Check the conneciton count: 0."), std::string::npos) << log;
     EXPECT_NE(log.find("Quit for there are no connections."), std::string::npos) << log;
     EXPECT_NE(log.find("*** LOG FILE COMPLETE ***"), std::string::npos) << log;
+    // The start-up block: the worker's version record and file time, the
+    // session it runs in (this test's), and the system.
+    const std::string session =
+        std::to_string(static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession)));
+    const size_t block = log.find("tolvClientWorker: " + ProcessUtils::GetModuleVersionText(install.worker()) +
+                                  ", buildtype=");
+    ASSERT_NE(block, std::string::npos) << log;
+    EXPECT_EQ(log.substr(log.find("/x64", block), 16 + session.size()), "/x64, sessionId=" + session) << log;
+    EXPECT_EQ(ProcessUtils::GetModuleVersionText(install.worker()).rfind("version=", 0), 0u);
+    EXPECT_NE(log.find("OS Version: " + ProcessUtils::GetOSVersionText()), std::string::npos) << log;
 }
 
 TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
