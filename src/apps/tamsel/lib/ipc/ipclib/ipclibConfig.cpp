@@ -435,7 +435,6 @@ void KxIpclibConfigResetForTesting()
 extern "C" uint32_t KxIpclibCreateSharedMemoryLinkCallback(int callSocket, const uint8_t* request, size_t requestSize,
                                                            int clientPipe)
 {
-    tamsel::ipc::KxIpclibLinkListenerRpcLinux::serveCall(callSocket, request, requestSize,
-                                                         platform::UniqueFd(clientPipe));
-    return 0;
+    return tamsel::ipc::KxIpclibLinkListenerRpcLinux::serveCall(callSocket, request, requestSize,
+                                                                platform::UniqueFd(clientPipe));
 }

@@ -26,7 +26,8 @@ typedef void (*KxIpclibModuleTraceFn)(const char* text);
 // What the module calls for every bootstrap call it receives: the connected
 // socket of the call (the caller is identified through it and the reply goes
 // back on it), the request datagram and the descriptor that came with it (-1
-// if none; taken over in every case). Returns 0 when a reply was sent.
+// if none; taken over in every case). Returns 0 when the reply was sent, else
+// the system status of the failed send (a caller that went away, for example).
 typedef uint32_t (*KxIpclibCreateLinkCallbackFn)(int callSocket, const uint8_t* request, size_t requestSize,
                                                  int clientPipe);
 // The library's callback as the module receives it.

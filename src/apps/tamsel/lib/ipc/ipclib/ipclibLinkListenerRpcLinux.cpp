@@ -53,7 +53,8 @@ std::string Narrow(const std::u16string& text)
     return narrow ? *narrow : std::string("<invalid>");
 }
 
-bool SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::vector<platform::UniqueFd>& fds)
+// 0, or the system status of the failed send.
+uint32_t SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::vector<platform::UniqueFd>& fds)
 {
     const auto bytes = encodeBootstrapReply(reply);
     iovec io{const_cast<uint8_t*>(bytes.data()), bytes.size()};
@@ -76,7 +77,9 @@ bool SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::vecto
     // One small datagram on a connection that carried one request always fits;
     // a caller that does not read cannot hold this thread.
     const ssize_t n = platform::RetryOnEintr([&] { return ::sendmsg(socket, &msg, MSG_NOSIGNAL | MSG_DONTWAIT); });
-    return n == static_cast<ssize_t>(bytes.size());
+    if (n < 0)
+        return SystemStatusFromErrno(errno);
+    return n == static_cast<ssize_t>(bytes.size()) ? kSysSuccess : kSysCallFailed;
 }
 
 } // namespace
@@ -431,8 +434,8 @@ void KxIpclibLinkListenerRpcLinux::callLoop()
 
 // One call.
 
-void KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data, size_t size,
-                                             platform::UniqueFd clientPipe)
+uint32_t KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data, size_t size,
+                                                 platform::UniqueFd clientPipe)
 {
     KxIpclibBootstrapRequest request;
     KxIpclibBootstrapReply reply;
@@ -448,8 +451,7 @@ void KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data
     }
     if (reply.rpcStatus != 0) {
         KXIPC_TRACE(Listener, "< rpcStatus: {}", reply.rpcStatus);
-        SendReply(callSocket, reply, fds);
-        return;
+        return SendReply(callSocket, reply, fds);
     }
     KXIPC_TRACE(Listener,
                 "> clientVersion: {}, clientLinkId: {:#x}, clientLinkFlags: {:#x}, clientStreamId: {:#x}, "
@@ -481,12 +483,14 @@ void KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data
     }
     reply.status = status;
     KXIPC_TRACE(Listener, "< status: {}", status);
-    if (!SendReply(callSocket, reply, fds) && link) {
+    const uint32_t sent = SendReply(callSocket, reply, fds);
+    if (sent != kSysSuccess && link) {
         // The caller cannot learn of its link: take it down again.
         KXIPC_TRACE(Listener, "- reply not delivered, linkId: {:#x}", link->linkId());
         link->linkError();
         stream->shutdown();
     }
+    return sent;
 }
 
 KxIpcStatusCode KxIpclibLinkListenerRpcLinux::createSharedMemoryLink(

@@ -69,8 +69,10 @@ public:
 
     // Serves one bootstrap call that arrived on `callSocket`: identifies the
     // caller, runs the procedure and sends the reply on the socket. Used by the
-    // server threads and by the registration module's callback.
-    static void serveCall(int callSocket, const uint8_t* request, size_t requestSize, platform::UniqueFd clientPipe);
+    // server threads and by the registration module's callback. Returns 0 once
+    // the reply is on its way, else the system status of the failed send (the
+    // caller then has no link; one made for it is already taken down).
+    static uint32_t serveCall(int callSocket, const uint8_t* request, size_t requestSize, platform::UniqueFd clientPipe);
 
     bool useRpcServerModule() const { return m_flags.any(static_cast<uint32_t>(KxIpclibListenerFlagRpc::UseRpcServerModule)); }
     // 0 not registered, 1 locally, 2 through the module; guarded by the registration mutex.

@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -19,6 +21,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -34,6 +37,10 @@ std::map<std::string, std::unique_ptr<Server>> g_servers;
 std::atomic<int> g_registers{0};
 std::atomic<int> g_unregisters{0};
 std::atomic<uint8_t> g_reportRegistered{0};
+// What the library's callback returned, call by call.
+std::mutex g_resultMutex;
+std::condition_variable g_resultAdded;
+std::vector<uint32_t> g_results;
 
 std::string GuidText(const _GUID& g)
 {
@@ -65,9 +72,12 @@ void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
         cmsghdr* c = CMSG_FIRSTHDR(&msg);
         if (n > 0 && c && c->cmsg_type == SCM_RIGHTS && c->cmsg_len == CMSG_LEN(sizeof(int)))
             std::memcpy(&pipe, CMSG_DATA(c), sizeof pipe);
-        if (n > 0 && !(msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)))
-            callback(conn, buf, static_cast<size_t>(n), pipe);
-        else if (pipe >= 0)
+        if (n > 0 && !(msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) {
+            const uint32_t result = callback(conn, buf, static_cast<size_t>(n), pipe);
+            std::lock_guard<std::mutex> guard(g_resultMutex);
+            g_results.push_back(result);
+            g_resultAdded.notify_all();
+        } else if (pipe >= 0)
             ::close(pipe);
         ::close(conn);
     }
@@ -145,6 +155,23 @@ __attribute__((visibility("default"))) void TestModuleSetRegistered(uint8_t valu
 __attribute__((visibility("default"))) int TestModuleRegisterCalls(void)
 {
     return g_registers.load();
+}
+
+// Waits up to timeoutMs for the callback's result number `index` (from 0) and
+// stores it; false when it did not come.
+__attribute__((visibility("default"))) bool TestModuleCallbackResult(size_t index, int timeoutMs, uint32_t* result)
+{
+    std::unique_lock<std::mutex> lock(g_resultMutex);
+    if (!g_resultAdded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return g_results.size() > index; }))
+        return false;
+    *result = g_results[index];
+    return true;
+}
+
+__attribute__((visibility("default"))) size_t TestModuleCallbackCount(void)
+{
+    std::lock_guard<std::mutex> guard(g_resultMutex);
+    return g_results.size();
 }
 
 __attribute__((visibility("default"))) int TestModuleUnregisterCalls(void)

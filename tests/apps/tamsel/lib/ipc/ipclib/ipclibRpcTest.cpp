@@ -637,6 +637,52 @@ TEST_F(RpcRegistration, TheModuleServesItsEndpointThroughTheCallback)
     EXPECT_EQ(unregisters(), 1);
 }
 
+TEST_F(RpcRegistration, TheCallbackReportsAReplyThatCouldNotBeSent)
+{
+    UseModule();
+    lib = std::make_shared<KxIpclib>();
+    ASSERT_EQ(lib->init(0), KxIpcStatusSuccess);
+    listener = Listen(lib, ep, kLocal | 0x40);
+    ASSERT_TRUE(listener);
+    ASSERT_EQ(listener->accepting(), KxIpcStatusSuccess);
+    auto count = Hook<size_t (*)()>("TestModuleCallbackCount");
+    auto result = Hook<bool (*)(size_t, int, uint32_t*)>("TestModuleCallbackResult");
+    ASSERT_NE(count, nullptr);
+    ASSERT_NE(result, nullptr);
+    size_t next = count();  // the module stays loaded across cases
+    auto callbackResult = [&] {
+        uint32_t r = 0xFFFFFFFF;
+        EXPECT_TRUE(result(next++, 30000, &r)) << "the module's call did not return";
+        return r;
+    };
+    const auto malformed = encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2));
+    const std::vector<uint8_t> truncated(malformed.begin(), malformed.begin() + 30);
+
+    // A reply that reaches its caller: 0, even when it refuses the call.
+    auto answered = Call(ep, truncated, -1);
+    ASSERT_EQ(answered.transport, KxIpcStatusSuccess);
+    EXPECT_EQ(answered.reply.rpcStatus, kRpcStatusBadStubData);
+    EXPECT_EQ(callbackResult(), kSysSuccess);
+
+    // A caller that shut its receiving side: the reply fails with EPIPE.
+    const std::string path = KxIpclibEndpointSocketPath(runtime.path(), ep);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    auto deafCall = [&](const std::vector<uint8_t>& bytes) {
+        platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        EXPECT_EQ(::shutdown(sock.get(), SHUT_RD), 0);
+        EXPECT_EQ(::send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        return callbackResult();
+    };
+    EXPECT_EQ(deafCall(truncated), SystemStatusFromErrno(EPIPE)) << "a refusal that was not delivered";
+    EXPECT_EQ(deafCall(encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLink))),
+              SystemStatusFromErrno(EPIPE))
+        << "a link whose caller never learns of it";
+    EXPECT_EQ(server.offered(), 1u) << "the second deaf call reached the application";
+}
+
 TEST_F(RpcRegistration, AMissingModuleRefusesModuleMode)
 {
     WriteValue(store.path(), "HKLM/Software/Corvanta/Veltrane/KxIpc", "RpcRegLibPath", "/nonexistent/libnothing.so");
