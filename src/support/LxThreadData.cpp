@@ -2,16 +2,26 @@
 
 #include "log/Log.h"
 #include "support/LxMutexLock.h"
+#include "support/ProcessUtils.h"
 
-#include <pthread.h>
+#include <dlfcn.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <system_error>
 
 namespace {
 
-// The kernel keeps 15 bytes of a thread's name.
-constexpr size_t kKernelNameLength = 15;
+// The file name of the module that holds this code: the program itself, or
+// the shared library it was linked into.
+std::string ModuleFileName()
+{
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&ModuleFileName), &info) == 0 || !info.dli_fname)
+        return "unknown";
+    const char* slash = strrchr(info.dli_fname, '/');
+    return slash ? slash + 1 : info.dli_fname;
+}
 
 } // namespace
 
@@ -21,7 +31,8 @@ LxThreadData::LxThreadData(std::string name, LxThread* owner) : m_name(std::move
 
 void LxThreadData::Run()
 {
-    pthread_setname_np(pthread_self(), m_name.substr(0, kKernelNameLength).c_str());
+    const std::string module = ModuleFileName();
+    ProcessUtils::SetThreadName(ProcessUtils::kNoSession, (module + "!" + m_name).c_str());
     LOG_INFO("LxThreadData::Run()", "Thread %s started", m_name.c_str());
 
     const char* reason = "exited";
@@ -50,11 +61,8 @@ void LxThreadData::Run()
             signalStop = false;
             break;
         }
-        // The handle went while we waited; it woke us so we end here.
-        if (m_deleted) {
-            reason = "was deleted";
-            break;
-        }
+        // A handle that went while we waited woke us: the next cycle is the
+        // last one, and its callback sees no owner.
     }
     if (signalStop)
         m_stopEvent.Set();
