@@ -1,9 +1,11 @@
 #include "support/LxRegKey.h"
 
 #include "log/Log.h"
+#include "support/ProcessUtils.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -27,6 +30,22 @@ std::string StoreRoot(const char* shortName)
         return std::string(home && *home ? home : "/") + "/.config/lxreg/HKCU";
     }
     return std::string("/etc/lxreg/") + shortName;
+}
+
+// The HKCU of another user: below HKU in a store given by $LXREG_ROOT, else
+// that user's own configuration folder.
+std::string UserHive(const std::string& uidText)
+{
+    const char* root = getenv("LXREG_ROOT");
+    if (root && *root)
+        return std::string(root) + "/HKU/" + uidText;
+    std::vector<char> buffer(16384);
+    struct passwd entry {};
+    struct passwd* found = nullptr;
+    const uid_t uid = static_cast<uid_t>(strtoul(uidText.c_str(), nullptr, 10));
+    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || !found || !*found->pw_dir)
+        return {};
+    return std::string(found->pw_dir) + "/.config/lxreg/HKCU";
 }
 
 uint32_t ErrorFromErrno(int err)
@@ -106,6 +125,20 @@ uint32_t LxRegKey::OpenKey()
     if (split == std::string::npos || split + 1 >= m_location.size()) {
         LOG_WARN(function, "Missing key name \"%s\"", m_location.c_str());
         return kErrorBadFormat;
+    }
+    const bool currentUser =
+        strcasecmp(rootName.c_str(), "HKCU") == 0 || strcasecmp(rootName.c_str(), "HKEY_CURRENT_USER") == 0;
+    if (currentUser && m_sessionId != -1) {
+        // The HKCU of the user logged on to that session.
+        char* sid = nullptr;
+        if (!ProcessUtils::GetUserSIDForSession(static_cast<uint32_t>(m_sessionId), &sid, LOG_LEVEL_ERROR))
+            return kErrorNotFound;
+        path = UserHive(sid);
+        free(sid);
+        if (path.empty()) {
+            LOG_ERROR(function, "%s - RegOpenCurrentUser() failed", m_location.c_str());
+            return kErrorNotFound;
+        }
     }
     // Each folder of the sub-key matches without regard to case.
     size_t at = split + 1;

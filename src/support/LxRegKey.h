@@ -6,8 +6,9 @@
 // folders below $LXREG_ROOT when it is set (HKLM, HKCU, HKU, HKCR, HKCC),
 // else /etc/lxreg/<root>, and for HKCU ${XDG_CONFIG_HOME:-~/.config}/lxreg/HKCU.
 // Sub-key names match without regard to case, as in the registry. The view
-// has no meaning here (one store for every process); the session selects
-// nothing either: HKCU is always the calling user's.
+// has no meaning here (one store for every process). A session id other
+// than -1 makes HKCU the hive of that session's user: $LXREG_ROOT/HKU/<uid>,
+// else that user's ~/.config/lxreg/HKCU.
 //
 // Open returns an error number in the registry's numbering: 0 success,
 // 2 not found, 5 access denied, 11 a malformed location, 1009 anything else.

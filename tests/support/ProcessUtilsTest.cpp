@@ -3,6 +3,7 @@
 // it a new audit session, the way a login does.
 
 #include "support/LxImpersonateSession.h"
+#include "support/LxRegKey.h"
 #include "support/ProcessUtils.h"
 #include "SupportTestSupport.h"
 
@@ -309,6 +310,39 @@ TEST(LxProcessUtils, ServiceAccountsAreRootAndSystemUsersOnly)
     if (daemonUser) {
         EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
     }
+}
+
+TEST(LxProcessUtils, TheCurrentUserKeyOfASessionIsItsUsersHive)
+{
+    LoginSession login;
+    if (!login.why.empty())
+        GTEST_SKIP() << login.why;
+    char root[] = "/tmp/tolvhiveXXXXXX";
+    ASSERT_NE(mkdtemp(root), nullptr);
+    const std::string own = std::string(root) + "/HKCU/Software/Test";
+    const std::string users = std::string(root) + "/HKU/" + std::to_string(login.uid) + "/software/test";
+    ASSERT_EQ(RunProgram({"/bin/mkdir", "-p", own, users}), 0);
+    const char* saved = getenv("LXREG_ROOT");
+    const std::string savedRoot = saved ? saved : "";
+    setenv("LXREG_ROOT", root, 1);
+
+    LxRegKey mine("HKCU\\Software\\Test");
+    EXPECT_EQ(mine.OpenKey(), 0u);
+    EXPECT_EQ(mine.GetPath(), own);
+    LxRegKey theirs("HKEY_CURRENT_USER/Software/Test", LxRegKey::Win32Default, static_cast<int32_t>(login.sessionId));
+    EXPECT_EQ(theirs.OpenKey(), 0u);
+    EXPECT_EQ(theirs.GetPath(), users);
+    // Session 0 has no user, so it has no hive either.
+    WaitableLogCapture capture(LOG_LEVEL_ERROR);
+    LxRegKey nobody("HKCU\\Software\\Test", LxRegKey::Win32Default, 0);
+    EXPECT_EQ(nobody.OpenKey(), LxRegKey::kErrorNotFound);
+    EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
+
+    if (saved)
+        setenv("LXREG_ROOT", savedRoot.c_str(), 1);
+    else
+        unsetenv("LXREG_ROOT");
+    RunProgram({"/bin/rm", "-rf", root});
 }
 
 TEST(LxProcessUtils, ThreadNamesReachTheKernelKeepingTheThreadPart)
