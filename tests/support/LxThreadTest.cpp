@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -135,6 +136,20 @@ TEST_F(LxThreadTest, AThreadThatEndsUnexpectedlyIsNoticedAndJoined)
     EXPECT_EQ(log.Count("Thread Vanishing exited"), 0u);
 }
 
+// True once the thread sits in poll(2) or ppoll(2), as the kernel reports it.
+bool WaitUntilBlockedInPoll(pid_t tid)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kTestPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
+        long number = -1;
+        if (in >> number && (number == SYS_poll || number == SYS_ppoll))
+            return true;
+        std::this_thread::yield();
+    }
+    return false;
+}
+
 // Dropping the handle of a running thread detaches it; it runs its callback
 // one last time, with no owner, and ends by itself, dropping the shared data.
 TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
@@ -142,6 +157,7 @@ TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
     WaitableLogCapture log(LOG_LEVEL_VERBOSE);
     std::atomic<int> cycles{0};
     std::atomic<int> ownerlessRuns{0};
+    std::atomic<pid_t> tid{0};
     LxEvent started(true, false);
     LxEvent ended;
     {
@@ -151,11 +167,14 @@ TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
                 ++cycles;
                 if (!owner)
                     ++ownerlessRuns;
+                tid = gettid();
                 started.Set();
                 return true;
             },
             nullptr, LxEvent::kInfinite));
         ASSERT_EQ(started.Wait(), 0);
+        // Drop the handle while the thread waits for its next cycle.
+        ASSERT_TRUE(WaitUntilBlockedInPoll(tid));
         ended = thread->GetThreadHandleEvent();
     }
     ASSERT_EQ(ended.Wait(), 0);
