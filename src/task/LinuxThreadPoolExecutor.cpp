@@ -57,6 +57,12 @@ LinuxThreadPoolExecutor::~LinuxThreadPoolExecutor()
     m_pool->Stop();
 }
 
+size_t LinuxThreadPoolExecutor::openTaskCount()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_timerTasks.size() + m_waitTasks.size() + m_workTasks.size();
+}
+
 template <typename Context>
 std::shared_ptr<Context> LinuxThreadPoolExecutor::track(std::shared_ptr<Context> context,
                                                         std::vector<std::shared_ptr<Context>>& list)

@@ -64,6 +64,8 @@ public:
     // Pool statistics.
     unsigned threadCount() const;
     unsigned peakThreadCount() const;
+    // Tasks created and not yet closed.
+    size_t openTaskCount();
 
     struct Token {};  // keeps the constructor for create() and make_shared
     LinuxThreadPoolExecutor(Token, std::shared_ptr<TaskPool> pool);

@@ -252,7 +252,8 @@ tamsel::expected<std::shared_ptr<KxIpclibStream>, KxIpcStatusCode> KxIpclibStrea
         Lock lock(stream->m_mutex);
         stream->m_connectWait = 1;
         stream->m_onRecv = std::move(onRecv);
-        stream->m_accepted = true;
+        // Not accepted yet: what arrives between the "OpenAck" and the wake-up
+        // below waits in m_incoming until the stream is ours to hand out.
         const KxIpcStatusCode status = stream->connectedInit();
         if (status != KxIpcStatusSuccess)
             return Result(tamsel::unexpected<KxIpcStatusCode>(status));
@@ -283,6 +284,14 @@ tamsel::expected<std::shared_ptr<KxIpclibStream>, KxIpcStatusCode> KxIpclibStrea
         stream->completeConnectExistingLink(KxIpcStatusStreamClosed, 0, 0, 2);
     if (stream->m_connectStatus != KxIpcStatusSuccess)
         return Result(tamsel::unexpected<KxIpcStatusCode>(stream->m_connectStatus));
+    // Acknowledged, but shut down (the link went away) before we woke.
+    if (stream->m_state != KxIpclibStreamState::Connecting)
+        return Result(tamsel::unexpected<KxIpcStatusCode>(KxIpcStatusStreamClosed));
+    // The acknowledgement leaves the state alone; the stream is connected from
+    // here, and a "Close" queued meanwhile is delivered now, in order.
+    stream->m_state = KxIpclibStreamState::Connected;
+    stream->m_accepted = true;
+    stream->queueDispatch();
     return Result(std::move(stream));
 }
 
@@ -510,6 +519,14 @@ void KxIpclibStream::closeStream()
 
 void KxIpclibStream::shutdownStream()
 {
+    // No more deliveries: queued runs are dropped. The lock is safe to hold:
+    // past the opener's wait, the only caller is the delivery of the
+    // end-of-stream, and the close does not wait for its own run.
+    if (m_dispatchTask) {
+        auto task = std::move(m_dispatchTask);
+        m_dispatchTask = {};
+        task.close();
+    }
     cancelCloseTimer();
     m_partial.reset();
     auto link = std::move(m_link);
@@ -529,10 +546,6 @@ void KxIpclibStream::completeConnectExistingLink(KxIpcStatusCode status, uint32_
     } else {
         m_peerStreamId = peerId;
         m_flags |= Flags<KxIpclibStreamFlag>(flags & kStreamFlagsMask);
-        // The opener's stream is usable from the acknowledgement on, so that a
-        // "Close" that follows it at once is not lost.
-        if (m_state == KxIpclibStreamState::Connecting)
-            m_state = KxIpclibStreamState::Connected;
     }
     m_connectStatus = status;
     m_connectWait = newWait;

@@ -164,6 +164,9 @@ protected:
                     s->close(std::chrono::milliseconds::max());
         });
         EXPECT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(), serverInbox->function()), KxIpcStatusSuccess);
+        if (closeAfterAccept) {
+            EXPECT_EQ(stream->close(std::chrono::milliseconds::max()), KxIpcStatusSuccess);
+        }
         std::lock_guard<std::mutex> guard(serverLock);
         serverStream = stream;
         serverReady.notify_all();
@@ -186,6 +189,7 @@ protected:
     std::shared_ptr<LoopbackLink> client, server;
     Decision decision = Decision::Accept;
     bool closeOnEndOfStream = true;
+    bool closeAfterAccept = false;  // the server closes in its connect handler, right behind its "OpenAck"
     std::function<void()> beforeServerClose;  // runs in the server's end-of-stream callback
     Gate holdGate;
     // Inboxes live as long as the fixture: the links' last end-of-stream
@@ -628,4 +632,60 @@ TEST_F(StreamPair, AnOpenNobodyAnswersTimesOut)
     EXPECT_EQ(result.error(), KxIpcStatusStreamClosed);
     EXPECT_EQ(client->streamCount(), 0u);
     holdGate.open();  // the late refusal finds no stream and is dropped
+}
+
+TEST_F(StreamPair, ACloseRightBehindTheAcknowledgementReachesTheOpenerAndAnEndedStreamLetsGoOfItsTasks)
+{
+    closeAfterAccept = true;
+    const size_t tasksBefore = executor->openTaskCount();
+    // The client answers the server's close in its end-of-stream callback.
+    std::shared_ptr<KxIpclibStream> stream;
+    KxIpcStatusCode sendStatus = KxIpcStatusUnexpected, closeStatus = KxIpcStatusUnexpected;
+    KxIpclibStreamState stateSeen = KxIpclibStreamState::Init;
+    std::mutex lock;
+    Inbox& clientInbox = makeInbox([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        stateSeen = stream->state();
+        auto sent = stream->send(0, 4, "tail", Ignore());
+        sendStatus = sent ? KxIpcStatusSuccess : sent.error();
+        closeStatus = stream->close(std::chrono::milliseconds::max());
+    });
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        ScopedLogCapture log(LOG_LEVEL_VERBOSE);
+        stream = open(clientInbox);
+        ASSERT_TRUE(stream);
+        // The acknowledgement only wakes the opener: its receive pass leaves
+        // the stream as it was, and open() connects it.
+        const std::string mine = fmt::format(", streamId: {:#x}, status: ", stream->streamId());
+        std::string firstExit;
+        for (const auto& line : log.Lines())
+            if (line.loggerName == "ipc::stream" && line.text.rfind("< state: ", 0) == 0 &&
+                line.text.find(mine) != std::string::npos) {
+                firstExit = line.text;
+                break;
+            }
+        EXPECT_EQ(firstExit.rfind("< state: Connecting,", 0), 0u) << "the OpenAck's pass ended with: " << firstExit;
+    }
+    // The server's "Close" may have come before open() woke: it is delivered
+    // all the same, once, and our close answers it.
+    ASSERT_TRUE(clientInbox.waitEndOfStream());
+    ASSERT_TRUE(serverInbox->waitEndOfStream());
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        EXPECT_EQ(stateSeen, KxIpclibStreamState::Closing);
+        EXPECT_EQ(sendStatus, KxIpcStatusSuccess);
+        EXPECT_EQ(closeStatus, KxIpcStatusSuccess);
+    }
+    EXPECT_EQ(clientInbox.endOfStream(), 1);
+    EXPECT_TRUE(clientInbox.messages().empty());
+    EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
+    EXPECT_EQ(serverInbox->messages(), (std::vector<std::vector<uint8_t>>{{'t', 'a', 'i', 'l'}}));
+    EXPECT_EQ(serverInbox->eosAfter(), 1u);  // the tail came before the end
+
+    // Both streams are still held here, but once they have left their links
+    // their delivery tasks are closed.
+    EXPECT_TRUE(WaitUntil([&] { return client->streamCount() == 0 && server->streamCount() == 0; }));
+    EXPECT_EQ(executor->openTaskCount(), tasksBefore);
+    ASSERT_TRUE(serverStream);
 }
