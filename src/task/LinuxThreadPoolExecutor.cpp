@@ -57,6 +57,34 @@ LinuxThreadPoolExecutor::~LinuxThreadPoolExecutor()
     m_pool->Stop();
 }
 
+void LinuxThreadPoolExecutor::closeAllTasks()
+{
+    std::vector<std::shared_ptr<WtpTimerTaskContext>> timers;
+    std::vector<std::shared_ptr<WtpWaitTaskContext>> waits;
+    std::vector<std::shared_ptr<WtpWorkTaskContext>> works;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_refusingTasks = true;
+        timers = m_timerTasks;
+        waits = m_waitTasks;
+        works = m_workTasks;
+    }
+    // Everything idle first, then everything closed: a callback still running
+    // may submit to a task that comes later in the lists, and that work runs.
+    for (auto& task : timers)
+        waitIdle(*task->core(), true);
+    for (auto& task : waits)
+        waitIdle(*task->core(), true);
+    for (auto& task : works)
+        waitIdle(*task->core(), true);
+    for (auto& task : timers)
+        closeTimerTask(task);
+    for (auto& task : waits)
+        closeWaitTask(task);
+    for (auto& task : works)
+        closeWorkTask(task);
+}
+
 size_t LinuxThreadPoolExecutor::openTaskCount()
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -69,7 +97,7 @@ std::shared_ptr<Context> LinuxThreadPoolExecutor::track(std::shared_ptr<Context>
 {
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        if (!m_shuttingDown) {
+        if (!m_shuttingDown && !m_refusingTasks) {
             list.push_back(context);
             return context;
         }

@@ -61,6 +61,12 @@ public:
     void waitForWorkCallbacks(const std::shared_ptr<WtpWorkTaskContext>& task) override;
     void closeWorkTask(const std::shared_ptr<WtpWorkTaskContext>& task) override;
 
+    // For every task: waits for its submitted and running callbacks, with no
+    // time-out, then closes it. Tasks made afterwards are refused (null).
+    // Called from inside a callback of this executor, that callback is not
+    // waited for, as when a task closes itself.
+    void closeAllTasks();
+
     // Pool statistics.
     unsigned threadCount() const;
     unsigned peakThreadCount() const;
@@ -92,6 +98,7 @@ private:
     std::vector<std::shared_ptr<WtpWaitTaskContext>> m_waitTasks;
     std::vector<std::shared_ptr<WtpWorkTaskContext>> m_workTasks;
     bool m_shuttingDown = false;
+    bool m_refusingTasks = false;  // set by closeAllTasks
     std::condition_variable m_drained;
     std::vector<const WtpTaskContext*> m_closing;
 };

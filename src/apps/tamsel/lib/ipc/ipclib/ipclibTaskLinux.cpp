@@ -19,7 +19,7 @@ std::unique_ptr<KxIpclibTask> KxIpclibTask::create()
 KxIpcStatusCode KxIpclibTaskLinux::init()
 {
     KXIPC_TRACE(Lib, "> ");
-    std::shared_ptr<tamsel::task::TaskExecutor> inner = tamsel::task::LinuxThreadPoolExecutor::create(m_options);
+    auto inner = tamsel::task::LinuxThreadPoolExecutor::create(m_options);
     if (!inner) {
         KXIPC_TRACE(Lib, "< status: {}", KxIpcStatusUnexpected);
         return KxIpcStatusUnexpected;
@@ -54,11 +54,15 @@ void KxIpclibTaskLinux::uninit(std::unique_lock<std::mutex>& lock)
     m_release.reset();
     lock.unlock();
     KXIPC_TRACE(Lib, "Waiting for group callbacks to complete");
+    // No time-out: a task left running would outlive the library. From one of
+    // the executor's own callbacks, that callback is not waited for.
+    if (inner)
+        inner->closeAllTasks();
     executor.reset();
     if (release) {
-        std::unique_lock<std::mutex> wait(release->mutex);
-        if (!release->released.wait_for(wait, kReleaseWait, [&] { return release->done; })) {
-            KXIPC_TRACE(Lib, "- executor still in use; its last holder ends it");
+        std::lock_guard<std::mutex> guard(release->mutex);
+        if (!release->done) {
+            KXIPC_TRACE(Lib, "- executor still held; its last holder ends it");
             release->abandoned = std::move(inner);
         }
     }

@@ -1,11 +1,14 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTaskLinux.h"
 
+#include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
 #include "task/WorkTask.h"
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <system_error>
+#include <thread>
 
 using namespace tamsel::ipc;
 
@@ -41,4 +44,98 @@ TEST(KxIpclibTask, InitHandsOutAnExecutorAndUninitDrainsItOutsideTheLock)
     EXPECT_TRUE(holder->executor());  // nothing was torn down
     notHeld.lock();
     holder->uninit(notHeld);
+}
+
+namespace {
+
+tamsel::task::LinuxThreadPoolExecutor& Inner(const std::shared_ptr<tamsel::task::TaskExecutor>& executor)
+{
+    return dynamic_cast<tamsel::task::LinuxThreadPoolExecutor&>(*executor);
+}
+
+} // namespace
+
+TEST(KxIpclibTask, UninitWaitsForEveryTaskAndClosesItWhileALinkStillHoldsTheExecutor)
+{
+    auto holder = KxIpclibTask::create();
+    ASSERT_EQ(holder->init(), KxIpcStatusSuccess);
+    auto held = holder->executor();  // what a link that outlives uninit keeps
+
+    // One callback runs and blocks, a second is submitted behind it; a
+    // periodic timer keeps firing.
+    std::mutex libraryLock;
+    std::unique_lock<std::mutex> lock(libraryLock);
+    Gate gate;
+    Counter started, finished, ticks;
+    auto work = held->createWorkTask([&](void*, void*) {
+        started.add();
+        gate.pass();
+        finished.add();
+    });
+    auto timer = held->createTimerTask([&] { ticks.add(); });
+    ASSERT_TRUE(work && timer);
+    held->setTimer(timer, std::chrono::milliseconds(1), std::chrono::milliseconds(1));
+    held->submitWork(work, {}, {});
+    held->submitWork(work, {}, {});
+    ASSERT_TRUE(started.waitFor(1));
+    ASSERT_TRUE(ticks.waitFor(1));
+    // Let the blocked callback go only once uninit has given up the lock,
+    // that is, while it waits.
+    std::thread opener([&] {
+        { std::lock_guard<std::mutex> guard(libraryLock); }
+        gate.open();
+    });
+    holder->uninit(lock);
+    opener.join();
+    EXPECT_TRUE(lock.owns_lock());
+    EXPECT_FALSE(holder->executor());
+
+    // Both submits ran to their end before uninit returned, nothing is left
+    // registered, and no new task is taken.
+    EXPECT_EQ(finished.value(), 2);
+    EXPECT_EQ(Inner(held).openTaskCount(), 0u);
+    EXPECT_FALSE(held->createWorkTask([](void*, void*) {}));
+    EXPECT_FALSE(held->createTimerTask([] {}));
+    held->submitWork(work, {}, {});  // to a closed task: dropped
+    EXPECT_EQ(started.value(), 2);
+    work.reset();
+    timer.reset();
+    held.reset();  // the last holder ends the executor here
+}
+
+TEST(KxIpclibTask, UninitFromOneOfTheExecutorsOwnCallbacksDoesNotWaitForThatCallback)
+{
+    auto holder = KxIpclibTask::create();
+    ASSERT_EQ(holder->init(), KxIpcStatusSuccess);
+    auto executor = holder->executor();
+    std::mutex libraryLock;
+    Gate gate;
+    Counter otherStarted, otherFinished, uninitLocked, uninitReturned;
+    int otherFinishedAtReturn = -1;
+    bool lockHeldAtReturn = false;
+    auto other = executor->createWorkTask([&](void*, void*) {
+        otherStarted.add();
+        gate.pass();
+        otherFinished.add();
+    });
+    auto self = executor->createWorkTask([&](void*, void*) {
+        std::unique_lock<std::mutex> lock(libraryLock);
+        uninitLocked.add();
+        holder->uninit(lock);
+        otherFinishedAtReturn = otherFinished.value();
+        lockHeldAtReturn = lock.owns_lock();
+        uninitReturned.add();
+    });
+    ASSERT_TRUE(other && self);
+    executor->submitWork(other, {}, {});
+    ASSERT_TRUE(otherStarted.waitFor(1));
+    executor->submitWork(self, {}, {});
+    executor.reset();  // the library's reference is the only one left
+    ASSERT_TRUE(uninitLocked.waitFor(1));
+    { std::lock_guard<std::mutex> guard(libraryLock); }  // uninit is waiting now
+    gate.open();
+    ASSERT_TRUE(uninitReturned.waitFor(1)) << "uninit waited for the callback it was called from";
+    EXPECT_EQ(otherFinishedAtReturn, 1) << "the other task's callback was not waited for";
+    EXPECT_TRUE(lockHeldAtReturn);
+    EXPECT_FALSE(holder->executor());
 }
