@@ -138,7 +138,8 @@ public:
         written.emplace_back(message->GetText());
         return true;
     }
-    void Release()
+    // Not "Release": that would hide the reference count's own.
+    void LetGo()
     {
         std::lock_guard<std::mutex> lock(mutex);
         released = true;
@@ -182,7 +183,7 @@ TEST(LogWriterSwitch, SwitchingOffWaitsForTheDrainAndWritesTheQueueInOrder)
             std::lock_guard<std::mutex> lock(writer->mutex);
             return writer->written;
         });
-        writer->Release();
+        writer->LetGo();
         ASSERT_EQ(switched.wait_for(std::chrono::seconds(60)), std::future_status::ready);
         // Everything queued is out by the time the switch returns, in order.
         EXPECT_EQ(switched.get(), (std::vector<std::string>{"first\n", "second\n", "third\n"}));
