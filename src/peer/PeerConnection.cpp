@@ -78,14 +78,14 @@ int Reap(pid_t pid, std::chrono::seconds timeout)
 } // namespace
 
 PeerConnection::PeerConnection()
-    : m_client([this](std::shared_ptr<const std::vector<uint8_t>> record) {
+    : m_client(std::make_shared<DriveClient>([this](std::shared_ptr<const std::vector<uint8_t>> record) {
           if (!m_stream)
               return false;
           // The record stays alive until the link is done with its bytes.
           auto sent = m_stream->send(0, static_cast<uint32_t>(record->size()), record->data(),
                                      [record](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
           return static_cast<bool>(sent);
-      })
+      }))
 {
 }
 
@@ -125,10 +125,12 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
     clientOptions.readyTimeout = options.timeout;
     clientOptions.callTimeout = options.timeout;
     clientOptions.openTimeout = options.timeout;
-    DriveClient* client = &connection->m_client;
+    // The receive function holds the client: its last delivery may still be
+    // running on a link thread when the connection goes.
+    std::shared_ptr<DriveClient> client = connection->m_client;
     auto connected = KxIpclibClient::connect(
         endpoint, *streamName,
-        [client](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+        [client = std::move(client)](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
             if (msg)
                 client->OnMessage(msg->data(), msg->size(), msg);
             else

@@ -35,7 +35,7 @@ public:
     PeerConnection(const PeerConnection&) = delete;
     PeerConnection& operator=(const PeerConnection&) = delete;
 
-    DriveClient& client() { return m_client; }
+    DriveClient& client() { return *m_client; }
     // Drive bytes per request such that a read's reply, and a write's
     // request, fits one transfer of the link's section.
     uint32_t chunkSize() const;
@@ -52,5 +52,5 @@ private:
     pid_t m_workerPid = -1;
     std::shared_ptr<tamsel::ipc::KxIpclibStream> m_stream;
     std::unique_ptr<tamsel::ipc::KxIpclibClient> m_link;
-    DriveClient m_client;
+    std::shared_ptr<DriveClient> m_client;
 };

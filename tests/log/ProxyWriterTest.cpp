@@ -1,8 +1,11 @@
 #include "log/Log.h"
 #include "log/LoggerManager.h"
 #include "log/ProxyWriter.h"
+#include "support/ProcessUtils.h"
 
 #include <gtest/gtest.h>
+
+#include <pthread.h>
 
 #include <cstdarg>
 #include <mutex>
@@ -48,6 +51,11 @@ protected:
     void SetUp() override
     {
         static int counter = 0;
+        // The first thread named in a process logs, once, whether naming
+        // works; have that happen before the target listens.
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        ProcessUtils::SetThreadName(ProcessUtils::kNoSession, name);
         TakeForwarded();
         logger = LoggerManager::GetInstance()->CreateLogger("proxy-logger-" + std::to_string(++counter), "tolvTest",
                                                             true);
