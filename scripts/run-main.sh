@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # The main job: sets up, builds tolvClientWorker and its peer
-# veltrane-protocol.exe, and copies a sample image through the worker and back,
-# checking every byte; as root with loop devices, also a loop device that
-# holds a mounted ext4 file system (which the worker dismounts and claims).
+# veltrane-protocol.exe into build-main/bin, and copies a sample image through
+# the worker and back, checking every byte; as root with loop devices, also a
+# loop device that holds a mounted ext4 file system (which the worker
+# dismounts and claims).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bash "$root/scripts/setup.sh"
+bash "$root/scripts/setup.sh" main
 bash "$root/scripts/build.sh" "$root/build-main" -DTOLV_BUILD_TESTS=OFF -DTOLV_BUILD_BENCH=OFF
 peer="$root/build-main/bin/veltrane-protocol.exe"
 
