@@ -60,7 +60,7 @@ bool DriveClient::Submit(uint64_t ioContext, std::vector<uint8_t> record)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_down || !m_pending.emplace(ioContext, Pending{}).second)
+        if (m_down || m_interrupted || !m_pending.emplace(ioContext, Pending{}).second)
             return false;
     }
     if (m_send(std::make_shared<const std::vector<uint8_t>>(std::move(record))))
@@ -89,7 +89,7 @@ std::optional<DriveReply> DriveClient::Wait(uint64_t ioContext, std::chrono::mil
         return std::nullopt;
     }
     const auto start = std::chrono::steady_clock::now();
-    const auto ready = [&] { return it->second.done || m_down; };
+    const auto ready = [&] { return it->second.done || m_down || m_interrupted; };
     // Spin only while replies take less than kSpinLimit, for up to twice the
     // last wait: a slow reply (a large read, a slow disk) costs no CPU.
     constexpr int64_t kSpinLimitNs = 150000;
@@ -112,18 +112,26 @@ std::optional<DriveReply> DriveClient::Wait(uint64_t ioContext, std::chrono::mil
         }
         lock.lock();
     }
-    const bool arrived = m_changed.wait_for(lock, timeout, ready) && it->second.done;
+    const bool arrived = m_changed.wait_for(lock, timeout, ready) && it->second.done && !m_interrupted;
     m_lastWaitNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
                            .count(),
                        std::memory_order_relaxed);
     if (!arrived) {
-        error = m_down ? "the worker closed the command stream" : "no reply in time";
+        error = m_interrupted ? "interrupted" : m_down ? "the worker closed the command stream" : "no reply in time";
         m_pending.erase(it);
         return std::nullopt;
     }
     DriveReply reply = std::move(it->second.reply);
     m_pending.erase(it);
     return reply;
+}
+
+void DriveClient::Interrupt()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_interrupted = true;
+    ++m_arrivals;
+    m_changed.notify_all();
 }
 
 bool DriveClient::ChannelDown()

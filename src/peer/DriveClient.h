@@ -71,6 +71,10 @@ public:
     // such a reply takes.
     std::optional<DriveReply> Wait(uint64_t ioContext, std::chrono::milliseconds timeout, std::string& error);
 
+    // Ends every wait at once, now and later, and refuses new requests; a
+    // request without a reply (a release) still goes.
+    void Interrupt();
+
     bool ChannelDown();
     // Replies that matched no request, and malformed replies.
     uint64_t StrayReplies();
@@ -86,6 +90,7 @@ private:
     std::condition_variable m_changed;
     std::map<uint64_t, Pending> m_pending;  // guarded by m_mutex
     bool m_down = false;                    // guarded by m_mutex
+    bool m_interrupted = false;             // guarded by m_mutex
     uint64_t m_stray = 0;                   // guarded by m_mutex
     uint64_t m_nextIoContext = 1;           // guarded by m_mutex
     // Replies and channel-down events so far: a waiter that spins watches it

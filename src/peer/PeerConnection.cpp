@@ -102,7 +102,22 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
         }
         std::string workerPath = options.workerPath.empty() ? OwnDirectory() + "/tolvClientWorker" : options.workerPath;
         char* argv[] = {workerPath.data(), endpointText.data(), nullptr};
-        const int err = posix_spawn(&connection->m_workerPid, workerPath.c_str(), nullptr, nullptr, argv, environ);
+        // The worker gets its own process group, so a Ctrl-C at the terminal
+        // reaches only us and we release it cleanly; and default signal
+        // handling, whatever we block or ignore.
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        sigset_t none, defaults;
+        sigemptyset(&none);
+        sigemptyset(&defaults);
+        for (int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP})
+            sigaddset(&defaults, signal);
+        posix_spawnattr_setsigmask(&attributes, &none);
+        posix_spawnattr_setsigdefault(&attributes, &defaults);
+        posix_spawnattr_setpgroup(&attributes, 0);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+        const int err = posix_spawn(&connection->m_workerPid, workerPath.c_str(), nullptr, &attributes, argv, environ);
+        posix_spawnattr_destroy(&attributes);
         if (err != 0) {
             connection->m_workerPid = -1;
             error = "cannot start " + workerPath + ": " + std::strerror(err);
@@ -144,6 +159,13 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
     connection->m_link = std::move(*connected);
     connection->m_stream = connection->m_link->firstStream();
     return connection;
+}
+
+pid_t PeerConnection::serverPid() const
+{
+    if (m_workerPid > 0)
+        return m_workerPid;
+    return m_link ? static_cast<pid_t>(m_link->serverPid()) : -1;
 }
 
 uint32_t PeerConnection::chunkSize() const

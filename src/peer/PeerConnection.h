@@ -41,6 +41,9 @@ public:
     uint32_t chunkSize() const;
     // The worker this connection started, or -1 when it joined one already listening.
     pid_t workerPid() const { return m_workerPid; }
+    // The worker on the other end: the one we started, or the one the
+    // endpoint's server said it is; -1 when not known.
+    pid_t serverPid() const;
     // Closes the stream and the link; the exit code of the worker we started
     // (killed when it has not ended within the time-out), or 0.
     int Close();

@@ -9,6 +9,7 @@
 #include "platform/Utf.h"
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 using namespace platform;
@@ -29,8 +30,11 @@ bool StorageDrives::RequestDrive(const DR_REQ_HEADER& header, const DR_QUERY_DIS
     static constexpr const char* kFn = "StorageDrives::RequestDrive()";
     const DriveCallTable& calls = DriveCalls();
     const int fd = calls.createFile(request.path);
+    const int openErrno = errno;
     LOG_INFO(kFn, "Openning %s returned handle %d", PathForLog(request.path).c_str(), fd);
     if (fd == INVALID_DRIVE_HANDLE) {
+        LOG_ERROR(kFn, "Openning %s failed with errno %d (%s).", PathForLog(request.path).c_str(), openErrno,
+                  strerrordesc_np(openErrno) ? strerrordesc_np(openErrno) : "unknown error");
         reply.status = STATUS_UNSUCCESSFUL;
         reply.information = 0;
         reply.payloadLength = 0;

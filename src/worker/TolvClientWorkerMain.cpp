@@ -15,7 +15,12 @@
 #include "platform/MallocTuning.h"
 
 #include <cstdio>
+#include <string>
 #include <memory>
+
+#ifndef TOLV_VERSION_TEXT
+#define TOLV_VERSION_TEXT "0.0.0"
+#endif
 
 using namespace tamsel::ipc;
 
@@ -97,13 +102,43 @@ int Serve(int argc, char** argv)
     return 0;
 }
 
+constexpr const char* kUsage = "usage: tolvClientWorker ENDPOINT-GUID  (32 hex digits; --help, --version)\n";
+
+// --help and --version answer before anything starts; a wrong command line
+// gets the usage line here and its exit code from Serve, which logs it.
+bool AnswersAtOnce(int argc, char** argv, int& exitCode)
+{
+    const std::string first = argc >= 2 ? argv[1] : "";
+    if (argc == 2 && (first == "-h" || first == "--help")) {
+        std::printf("%s\nServes the drive requests of one veltrane-protocol.exe from its own folder on\n"
+                    "the endpoint ENDPOINT-GUID, until the last command stream goes down or nobody\n"
+                    "connects within 5 seconds. Logs into $TMPDIR/corvanta-UID/.\n",
+                    kUsage);
+        exitCode = 0;
+        return true;
+    }
+    if (argc == 2 && first == "--version") {
+        std::puts("tolvClientWorker " TOLV_VERSION_TEXT);
+        exitCode = 0;
+        return true;
+    }
+    _GUID endpoint{};
+    if (argc != 2 || !UUID_ConvertPackedToBin(&endpoint, argv[1]))
+        std::fprintf(stderr, "tolvClientWorker: %s\n%s",
+                     argc < 2 ? "missing the endpoint" : argc > 2 ? "one argument only" : "not an endpoint GUID",
+                     kUsage);
+    return false;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    int exitCode;
+    if (AnswersAtOnce(argc, argv, exitCode))
+        return exitCode;
     CoreDump_SetUnhandledExceptionFilter();
     platform::KeepLargeBlocksInTheHeap();
-    int exitCode;
     {
         EnvSetup env;
         if (!env.Init()) {

@@ -3,6 +3,9 @@
 
 #include "peer/DriveClient.h"
 #include "peer/DriveSession.h"
+#include "peer/InterruptWatch.h"
+#include "peer/LocalDrivePath.h"
+#include "peer/ProgressMeter.h"
 #include "peer/NtStatusText.h"
 #include "peer/PeerCommandLine.h"
 
@@ -11,7 +14,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 #include <thread>
 
 namespace {
@@ -117,6 +124,150 @@ TEST(PeerCommandLine, RefusesWhatItCannotRun)
     EXPECT_FALSE(Parse({"--worker", "w", "--endpoint", "g", "release", "E"}));
     EXPECT_FALSE(Parse({"--worker"}));
     EXPECT_FALSE(Parse({"--bogus", "release", "E"}));
+}
+
+TEST(PeerCommandLine, OptionsAsLinuxToolsTakeThem)
+{
+    EXPECT_TRUE(Parse({"-h"})->help);
+    EXPECT_TRUE(Parse({"--version"})->version);
+    auto options = Parse({"-p", "--timeout=7", "--json", "--force", "--keep-partial", "--", "query", "E", "/x",
+                          "query", "--json", "F", "/y"});
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->progress, ProgressMode::On);
+    EXPECT_EQ(options->timeoutSeconds, 7u);
+    EXPECT_TRUE(options->force);
+    EXPECT_TRUE(options->keepPartial);
+    EXPECT_TRUE(options->steps[0].json);
+    EXPECT_TRUE(options->steps[1].json);
+    EXPECT_FALSE(Parse({"query", "E", "/x"})->steps[0].json);
+    EXPECT_TRUE(Parse({"query", "--json", "E", "/x"})->steps[0].json);
+    EXPECT_EQ(Parse({"--progress", "--quiet", "release", "E"})->progress, ProgressMode::Off);
+    EXPECT_EQ(Parse({"--no-progress", "-p", "release", "E"})->progress, ProgressMode::On);
+    EXPECT_EQ(Parse({"release", "E"})->progress, ProgressMode::Auto);
+    // Standard output holds either the data or the results.
+    EXPECT_FALSE(Parse({"--json", "query", "E", "/x", "read", "E", "0", "1", "-"}));
+    EXPECT_TRUE(Parse({"--json", "query", "E", "/x", "read", "E", "0", "1", "out"}));
+    EXPECT_FALSE(Parse({"-x", "release", "E"}));
+    EXPECT_FALSE(Parse({"--timeout"}));
+}
+
+TEST(PeerCommandLine, ByteCountsAreDecimalWithBinarySuffixesOrHex)
+{
+    struct Row {
+        const char* text;
+        std::optional<uint64_t> value;
+    };
+    const Row rows[] = {
+        {"0", 0},
+        {"4096", 4096},
+        {"010", 10},  // never octal
+        {"08", 8},
+        {"1K", 1024},
+        {"1k", 1024},
+        {"3KiB", 3072},
+        {"2M", 2u << 20},
+        {"5MiB", 5u << 20},
+        {"1G", 1ull << 30},
+        {"7GiB", 7ull << 30},
+        {"2T", 2ull << 40},
+        {"1TiB", 1ull << 40},
+        {"0x1f", 0x1f},
+        {"0X1F", 0x1f},
+        {"0xffffffffffffffff", UINT64_MAX},
+        {"18446744073709551615", UINT64_MAX},
+        {"16777215T", 16777215ull << 40},
+        {"16777216T", std::nullopt},  // past 2^64-1
+        {"18446744073709551616", std::nullopt},
+        {"0x10000000000000000", std::nullopt},
+        {"", std::nullopt},
+        {"K", std::nullopt},
+        {"1KB", std::nullopt},  // 1000 or 1024: refused rather than guessed
+        {"1Ki", std::nullopt},
+        {"1P", std::nullopt},
+        {"1.5M", std::nullopt},
+        {"0x", std::nullopt},
+        {"0x1K", std::nullopt},
+        {"-1", std::nullopt},
+        {"+1", std::nullopt},
+        {" 1", std::nullopt},
+        {"1 ", std::nullopt},
+        {"0b101", std::nullopt},
+    };
+    for (const Row& row : rows) {
+        uint64_t value = 12345;
+        const bool parsed = ParseByteCount(row.text, value);
+        EXPECT_EQ(parsed, row.value.has_value()) << '"' << row.text << '"';
+        if (parsed && row.value) {
+            EXPECT_EQ(value, *row.value) << '"' << row.text << '"';
+        }
+    }
+}
+
+TEST(LocalDrivePath, RelativePathsBecomeAbsoluteAndDeviceNamesMapToTheirNodes)
+{
+    const auto relative = LocalDrivePath::Resolve("images/disk.img", "/srv/data");
+    EXPECT_EQ(relative.sent(), "/srv/data/images/disk.img");
+    EXPECT_EQ(relative.given(), "images/disk.img");
+    EXPECT_FALSE(relative.isDevice());
+    const auto backslash = LocalDrivePath::Resolve("\\\\.\\mapper\\vg-root");
+    EXPECT_TRUE(backslash.isDevice());
+    EXPECT_EQ(backslash.sent(), "\\\\.\\mapper\\vg-root");
+    EXPECT_EQ(backslash.devicePath(), "/dev/mapper/vg-root");
+    // Only a block device under /dev is sent as a device: /dev/null is a file path.
+    const auto null = LocalDrivePath::Resolve("/dev/null");
+    EXPECT_FALSE(null.isDevice());
+    EXPECT_EQ(null.sent(), "/dev/null");
+    EXPECT_EQ(null.WhyNotOpenable(), "not a regular file or block device");
+    EXPECT_EQ(LocalDrivePath::Resolve("/nonexistent/x").WhyNotOpenable(), "no such file or directory");
+    EXPECT_EQ(LocalDrivePath::Resolve("/").WhyNotOpenable(), "is a directory");
+}
+
+TEST(ProgressMeter, ShowsPercentBytesRateAndTimeLeft)
+{
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    ASSERT_NE(out, nullptr);
+    {
+        ProgressMeter meter(out, false, "copy-out");
+        const auto start = ProgressMeter::Clock::now();
+        meter.Update(1u << 20, 100u << 20, start + std::chrono::seconds(1));  // too soon for a line
+        meter.Update(25u << 20, 100u << 20, start + std::chrono::seconds(10));
+        meter.Update(100u << 20, 100u << 20, start + std::chrono::seconds(40));
+        meter.Update(100u << 20, 100u << 20, start + std::chrono::seconds(41));  // finished already
+    }
+    std::fclose(out);
+    const std::string shown(text, size);
+    std::free(text);
+    // The rate is from the meter's start, so the times are approximate: the
+    // meter began a moment before `start`.
+    EXPECT_EQ(shown,
+              "copy-out  25% 25.0 MiB of 100.0 MiB, 2.5 MiB/s, 0:30 left\n"
+              "copy-out 100% 100.0 MiB of 100.0 MiB, 2.5 MiB/s, in 0:40\n");
+    EXPECT_EQ(ProgressMeter::Bytes(1023), "1023 B");
+    EXPECT_EQ(ProgressMeter::Bytes(1536), "1.5 KiB");
+    EXPECT_EQ(ProgressMeter::Duration(3725), "1:02:05");
+}
+
+TEST(InterruptWatch, ASignalBecomesAFlagAndOneCallOnTheWatchThread)
+{
+    InterruptWatch watch;
+    DriveClient client([](std::shared_ptr<const std::vector<uint8_t>>) { return true; });
+    watch.OnInterrupt([&client] { client.Interrupt(); });
+    const uint64_t io = client.NextIoContext();
+    ASSERT_TRUE(client.Submit(io, EncodeReleaseDiskRequest(io, 'E')));
+    ASSERT_EQ(kill(getpid(), SIGTERM), 0);  // blocked here, so it goes to the watch
+    std::string error;
+    EXPECT_FALSE(client.Wait(io, std::chrono::minutes(5), error));
+    EXPECT_EQ(error, "interrupted");
+    EXPECT_EQ(watch.signal(), SIGTERM);
+    // No new requests; a release still goes out.
+    EXPECT_FALSE(client.Submit(client.NextIoContext(), EncodeReleaseDiskRequest(0, 'E')));
+    EXPECT_TRUE(client.SendOnly(EncodeReleaseDiskRequest(0, 'E')));
+    // A callback set after the signal runs at once.
+    bool called = false;
+    watch.OnInterrupt([&called] { called = true; });
+    EXPECT_TRUE(called);
 }
 
 TEST(NtStatusText, NamesTheStatusInWords)
