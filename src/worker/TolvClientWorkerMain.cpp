@@ -112,7 +112,11 @@ bool AnswersAtOnce(int argc, char** argv, int& exitCode)
     if (argc == 2 && (first == "-h" || first == "--help")) {
         std::printf("%s\nServes the drive requests of one veltrane-protocol.exe from its own folder on\n"
                     "the endpoint ENDPOINT-GUID, until the last command stream goes down or nobody\n"
-                    "connects within 5 seconds. Logs into $TMPDIR/corvanta-UID/.\n",
+                    "connects within 5 seconds. Logs into $TMPDIR/corvanta-UID/.\n"
+                    "\n"
+                    "options:\n"
+                    "  -h, --help     this text\n"
+                    "      --version  the version\n",
                     kUsage);
         exitCode = 0;
         return true;
