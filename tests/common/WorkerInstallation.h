@@ -132,6 +132,22 @@ protected:
         return device;
     }
 
+    // A loop device over `image` holding an ext4 file system mounted on
+    // the folder mnt of the installation; null (the test has failed) when
+    // any step fails. Tests that may leave it mounted unmount it themselves.
+    std::unique_ptr<LoopDevice> AttachMountedExt4(const std::string& image, size_t size, uint32_t seed)
+    {
+        auto device = Attach(image, size, seed);
+        std::string error;
+        mkdir(mnt().c_str(), 0755);
+        if (!device || !device->MakeExt4(error) || !device->Mount(mnt(), error)) {
+            ADD_FAILURE() << "no mounted ext4: " << error;
+            return nullptr;
+        }
+        return device;
+    }
+    std::string mnt() const { return install.file("mnt"); }
+
     static bool Claimable(const LoopDevice& device)
     {
         platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));

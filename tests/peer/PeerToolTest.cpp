@@ -261,14 +261,9 @@ TEST_F(WorkerLoop, DevNameAndBackslashNameAreTheSameDrive)
 
 TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
 {
-    const size_t size = 32u << 20;
-    auto device = Attach(install.file("disk.img"), size, 9);
+    auto device = AttachMountedExt4(install.file("disk.img"), 32u << 20, 9);
     ASSERT_TRUE(device);
-    std::string error;
-    ASSERT_TRUE(device->MakeExt4(error)) << error;
-    const std::string mnt = install.file("mnt");
-    mkdir(mnt.c_str(), 0755);
-    ASSERT_TRUE(device->Mount(mnt, error)) << error;
+    const std::string mnt = this->mnt();
     MountGuard guard{mnt};
     // An open file keeps the mount busy: the worker cannot take it down.
     platform::UniqueFd busy(::open((mnt + "/open").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
@@ -300,13 +295,9 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
 
 TEST_F(WorkerLoop, ADismountIsReportedAndAFailedLockWarnsACopyOut)
 {
-    auto device = Attach(install.file("disk.img"), 16u << 20, 12);
+    auto device = AttachMountedExt4(install.file("disk.img"), 16u << 20, 12);
     ASSERT_TRUE(device);
-    std::string error;
-    ASSERT_TRUE(device->MakeExt4(error)) << error;
-    const std::string mnt = install.file("mnt");
-    mkdir(mnt.c_str(), 0755);
-    ASSERT_TRUE(device->Mount(mnt, error)) << error;
+    const std::string mnt = this->mnt();
     MountGuard guard{mnt};
     const auto run = install.Peer({"query", "E", device->path(), "release", "E"});
     ASSERT_EQ(run.code, 0) << run.err;

@@ -248,16 +248,11 @@ TEST(WorkerDrives, ErrorsNameTheStatus)
     EXPECT_NE(out.find("usage:"), std::string::npos) << out;
 }
 
-
 TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)
 {
     const size_t size = 64u << 20;
-    auto device = Attach(install.file("disk.img"), size, 3);
+    auto device = AttachMountedExt4(install.file("disk.img"), size, 3);
     ASSERT_TRUE(device);
-    std::string error;
-    ASSERT_TRUE(device->MakeExt4(error)) << error;
-    mkdir(install.file("mnt").c_str(), 0755);
-    ASSERT_TRUE(device->Mount(install.file("mnt"), error)) << error;
 
     std::string out;
     ASSERT_EQ(install.RunPeer({"copy-out", DrivePath(*device), install.file("out.img")}, &out), 0) << out;
