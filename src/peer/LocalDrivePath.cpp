@@ -1,9 +1,11 @@
 #include "peer/LocalDrivePath.h"
 
 #include "platform/UniqueFd.h"
+#include "worker/FileSystemKind.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,6 +94,14 @@ std::string LocalDrivePath::WhyNotOpenable() const
         return "not a regular file or block device";
     if (m_isDevice && !S_ISBLK(st.st_mode))
         return "not a block device";
+    if (S_ISREG(st.st_mode)) {
+        struct statfs fs {};
+        if (statfs(node.c_str(), &fs) == 0) {
+            const FileSystemKind kind = ClassifyFileSystem(static_cast<uint32_t>(fs.f_type));
+            if (!kind.holdsStorage)
+                return std::string("a file of a ") + kind.name + " file system, not storage";
+        }
+    }
     // The worker opens for reading and writing; a block device that refuses
     // writing, for reading only.
     platform::UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY));

@@ -23,8 +23,9 @@ public:
 
     // Why the worker cannot open it, as far as this process can tell (the
     // worker runs as the same user): "no such file or directory", "is a
-    // directory", "not a regular file or block device", "permission
-    // denied", "device or resource busy"...; empty when it opens here.
+    // directory", "not a regular file or block device", "a file of a proc
+    // file system, not storage", "permission denied", "device or resource
+    // busy"...; empty when it opens here.
     std::string WhyNotOpenable() const;
 
 private:

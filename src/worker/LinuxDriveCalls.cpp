@@ -3,7 +3,10 @@
 // handle); the dismount unmounts every mount of the device.
 
 #include "worker/DriveCalls.h"
+#include "worker/FileSystemKind.h"
 #include "worker/MountTable.h"
+
+#include "log/Log.h"
 
 #include "platform/SysCall.h"
 #include "platform/UniqueFd.h"
@@ -173,6 +176,32 @@ bool Geometry(int fd, dev_t device, DISK_GEOMETRY& out)
     return true;
 }
 
+// Asked of what was opened, not of the path: the path may have been swapped
+// between the look and the open, and a kernel interface's files call
+// themselves regular.
+bool HoldsStorage(int fd, const std::string& path)
+{
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return false;
+    if (S_ISBLK(st.st_mode))
+        return true;
+    if (!S_ISREG(st.st_mode)) {
+        errno = ENODEV;
+        return false;
+    }
+    FileSystemKind kind{};
+    uint64_t magic = 0;
+    if (!FileSystemOf(fd, kind, magic))
+        return false;
+    if (kind.holdsStorage)
+        return true;
+    LOG_ERROR("LinuxCreateFile()", "%s is a file of a %s file system (type 0x%llx), not storage; refused.",
+              path.c_str(), kind.name, static_cast<unsigned long long>(magic));
+    errno = EMEDIUMTYPE;
+    return false;
+}
+
 int LinuxCreateFile(const std::u16string& path)
 {
     const auto linuxPath = DrivePathToLinux(path);
@@ -199,7 +228,16 @@ int LinuxCreateFile(const std::u16string& path)
     // query can say so.
     if (fd < 0 && S_ISBLK(st.st_mode) && (errno == EROFS || errno == EACCES))
         fd = RetryOnEintr([&] { return ::open(reopen.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY); });
-    return fd;
+    if (fd < 0)
+        return -1;
+    UniqueFd opened(fd);
+    if (!HoldsStorage(opened.get(), *linuxPath)) {
+        const int err = errno;
+        opened.reset();
+        errno = err;
+        return -1;
+    }
+    return opened.release();
 }
 
 bool LinuxDeviceIoControl(int handle, uint32_t code, void* output, uint32_t outputSize)

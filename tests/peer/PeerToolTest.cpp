@@ -69,6 +69,7 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
         {install.file("folder"), "is a directory"},
         {"/dev/null", "not a regular file or block device"},
         {install.file("fifo"), "not a regular file or block device"},
+        {"/proc/self/status", "a file of a proc file system, not storage"},
     };
     if (geteuid() != 0)  // root opens it anyway
         cases.push_back({install.file("locked"), "permission denied"});

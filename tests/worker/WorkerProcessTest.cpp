@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <isa-l/crc.h>
 
 #include <algorithm>
 #include <csignal>
@@ -29,6 +30,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -246,6 +249,68 @@ TEST(WorkerDrives, ErrorsNameTheStatus)
     EXPECT_EQ(install.RunPeer({"read", "Q", "0", "10", install.file("x")}, &out), 1);
     EXPECT_EQ(install.RunPeer({"bogus"}, &out), 2);
     EXPECT_NE(out.find("usage:"), std::string::npos) << out;
+}
+
+// A kernel interface's files call themselves regular; writing through
+// /proc/self/mem would patch the worker's own code. They are refused as an
+// open that failed, and the same connection goes on being served.
+TEST(WorkerDrives, KernelInterfaceFilesAreRefusedAndTheWorkerKeepsServing)
+{
+    // A sysfs file that opens for writing reaches the file-system check; a
+    // read-only one is refused by the open already.
+    std::string sysFile;
+    bool sysWritable = false;
+    for (const char* candidate : {"/sys/kernel/mm/transparent_hugepage/enabled", "/sys/kernel/profiling",
+                                  "/sys/power/state", "/sys/kernel/uevent_seqnum"}) {
+        struct stat st {};
+        if (stat(candidate, &st) == 0 && S_ISREG(st.st_mode) && (sysFile.empty() || !sysWritable)) {
+            const bool writable = access(candidate, W_OK) == 0;
+            if (sysFile.empty() || writable) {
+                sysFile = candidate;
+                sysWritable = writable;
+            }
+        }
+    }
+    Installation install;
+    ASSERT_TRUE(CopyExecutable(TOLV_PROBE_PEER_PATH, install.peer()));
+    const std::string data = install.file("data.bin");
+    WritePatternFile(data, 8192, 5);
+    const std::string bytes = ReadFile(data);
+    const uint32_t crc = crc32_gzip_refl(0, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+
+    std::vector<std::string> args{install.peer(), kEndpoint, "query:M:/proc/self/mem", "read:M:0:16",
+                                  "query:S:/proc/self/status"};
+    if (!sysFile.empty())
+        args.push_back("query:Y:" + sysFile);
+    for (const std::string& step : {"query:E:" + data, "read:E:0:8192"s, "release:E"s})
+        args.push_back(step);
+    auto worker = install.StartWorker(kEndpoint);
+    ChildProcess peer(args, install.env());
+    ASSERT_EQ(peer.Wait(), 0) << peer.Stdout() << peer.Stderr();
+    EXPECT_EQ(worker->Wait(), 0);
+
+    const std::string out = peer.Stdout();
+    EXPECT_NE(out.find("query M /proc/self/mem status 0xc0000001 size 0\n"), std::string::npos) << out;
+    // Nothing was recorded for M: the read meets no handle.
+    EXPECT_NE(out.find("read M 0 16 status 0xc0000008 bytes 0"), std::string::npos) << out;
+    EXPECT_NE(out.find("query S /proc/self/status status 0xc0000001 size 0\n"), std::string::npos) << out;
+    if (!sysFile.empty()) {
+        EXPECT_NE(out.find("query Y " + sysFile + " status 0xc0000001 size 0\n"), std::string::npos) << out;
+    }
+    EXPECT_NE(out.find("query E " + data + " status 0x00000000 size 8192\n"), std::string::npos) << out;
+    char expected[96];
+    std::snprintf(expected, sizeof expected, "read E 0 8192 status 0x00000000 bytes 8192 crc 0x%08x\n", crc);
+    EXPECT_NE(out.find(expected), std::string::npos) << out;
+
+    const std::string log = install.WorkerLog();
+    EXPECT_NE(log.find("/proc/self/mem is a file of a proc file system (type 0x9fa0), not storage; refused."),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."), std::string::npos)
+        << log;
+    if (sysWritable) {
+        EXPECT_NE(log.find(sysFile + " is a file of a sysfs file system"), std::string::npos) << log;
+    }
 }
 
 TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)
