@@ -7,6 +7,8 @@
 #include "worker/TolvClientWorker.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibEndpointSweep.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
 #include "corvantabase/CoreDump.h"
 #include "corvantabase/Poll.h"
@@ -62,6 +64,13 @@ int Serve(int argc, char** argv)
         LOG_ERROR(kFn, "Failed to initialize KxIpclib, status: %d.", static_cast<int>(initStatus));
         ipclib->uninit();
         return 0;
+    }
+
+    // Workers killed outright leave their endpoints behind; each start clears
+    // those whose server is gone, so they cannot pile up.
+    if (auto runtimeDir = KxIpclibRuntimeDir()) {
+        for (const std::string& stale : KxIpclibRemoveStaleEndpoints(*runtimeDir))
+            LOG_INFO(kFn, "Removed the socket and ready file of endpoint %s, whose server is gone.", stale.c_str());
     }
 
     LOG_INFO(kFn, "Listening on the endpoint %s.", argv[1]);

@@ -7,6 +7,10 @@
 #include "common/TempDir.h"
 #include "common/WorkerInstallation.h"
 
+#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
+#include "corvantabase/Uuid.h"
 #include "platform/UniqueFd.h"
 #include "support/ProcessUtils.h"
 
@@ -311,6 +315,100 @@ TEST(WorkerDrives, KernelInterfaceFilesAreRefusedAndTheWorkerKeepsServing)
     if (sysWritable) {
         EXPECT_NE(log.find(sysFile + " is a file of a sysfs file system"), std::string::npos) << log;
     }
+}
+
+// The socket and ready file names of a packed endpoint GUID.
+std::string EndpointName(const std::string& packed)
+{
+    return packed.substr(0, 8) + "-" + packed.substr(8, 4) + "-" + packed.substr(12, 4) + "-" + packed.substr(16, 4) +
+           "-" + packed.substr(20);
+}
+
+ino_t InodeOf(const std::string& path)
+{
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Workers killed outright leave their endpoint behind; the next one to start
+// clears those whose server is gone, and leaves a live server's alone.
+TEST(WorkerProcess, AStartingWorkerClearsTheEndpointsOfKilledWorkersOnly)
+{
+    using namespace tamsel::ipc;
+    Installation install;
+    const std::string run = install.file("run");
+    const std::string previous = getenv("IPCLIB_RUNTIME_DIR") ? getenv("IPCLIB_RUNTIME_DIR") : "";
+    setenv("IPCLIB_RUNTIME_DIR", run.c_str(), 1);
+    const auto ready = [&](const std::string& packed) {
+        _GUID guid{};
+        return UUID_ConvertPackedToBin(&guid, packed.c_str()) &&
+               KxIpclibWaitForReady(guid, std::chrono::seconds(60)) == KxIpcStatusSuccess;
+    };
+    const auto socketOf = [&](const std::string& packed) { return run + "/" + EndpointName(packed); };
+    const auto readyOf = [&](const std::string& packed) {
+        return run + "/ipclibLinkReady(" + EndpointName(packed) + ")";
+    };
+
+    const std::vector<std::string> killed = {"a1b2c3d4e5f60718293a4b5c6d7e8f90", "0f1e2d3c4b5a69788796a5b4c3d2e1f0"};
+    // Both live at once, so that neither start clears the other's.
+    std::vector<std::unique_ptr<ChildProcess>> victims;
+    for (const std::string& endpoint : killed) {
+        victims.push_back(install.StartWorker(endpoint));
+        ASSERT_TRUE(ready(endpoint));
+    }
+    for (auto& victim : victims) {
+        victim->Kill(SIGKILL);
+        EXPECT_LE(victim->Wait(), -1000);
+    }
+    for (const std::string& endpoint : killed) {
+        ASSERT_NE(InodeOf(socketOf(endpoint)), 0u);
+        ASSERT_NE(InodeOf(readyOf(endpoint)), 0u);
+    }
+
+    // A live server in this process, on an endpoint of the same folder.
+    const std::string live = "5d4c3b2a1f0e4d3c8b7a695847362514";
+    _GUID liveGuid{};
+    ASSERT_TRUE(UUID_ConvertPackedToBin(&liveGuid, live.c_str()));
+    auto lib = std::make_shared<KxIpclib>();
+    ASSERT_EQ(lib->init(0), KxIpcStatusSuccess);
+    auto listener = lib->listen(liveGuid, Flags<KxIpclibListenerFlag>(uint32_t{8}),
+                                [](std::shared_ptr<KxIpclibStream> stream) { stream->reject(KxIpcStatusAccessDenied); },
+                                nullptr);
+    ASSERT_TRUE(listener);
+    ASSERT_EQ((*listener)->accepting(), KxIpcStatusSuccess);
+    const ino_t liveSocket = InodeOf(socketOf(live));
+    const ino_t liveReady = InodeOf(readyOf(live));
+    ASSERT_NE(liveSocket, 0u);
+    ASSERT_NE(liveReady, 0u);
+
+    auto worker = install.StartWorker(kEndpoint);
+    ASSERT_TRUE(ready(kEndpoint));
+    for (const std::string& endpoint : killed) {
+        EXPECT_EQ(InodeOf(socketOf(endpoint)), 0u) << endpoint;
+        EXPECT_EQ(InodeOf(readyOf(endpoint)), 0u) << endpoint;
+    }
+    EXPECT_EQ(InodeOf(socketOf(live)), liveSocket);
+    EXPECT_EQ(InodeOf(readyOf(live)), liveReady);
+
+    const std::string data = install.file("data.bin");
+    WritePatternFile(data, 4096);
+    std::string out;
+    EXPECT_EQ(install.RunPeer({"--endpoint", kEndpoint, "query", "E", data, "release", "E"}, &out), 0) << out;
+    EXPECT_EQ(worker->Wait(), 0);
+    const std::string log = install.WorkerLog();
+    for (const std::string& endpoint : killed)
+        EXPECT_NE(log.find("Removed the socket and ready file of endpoint " + EndpointName(endpoint) +
+                           ", whose server is gone."),
+                  std::string::npos)
+            << log;
+    EXPECT_EQ(log.find("endpoint " + EndpointName(live) + ", whose"), std::string::npos) << log;
+
+    (*listener)->close();
+    lib->uninit();
+    if (previous.empty())
+        unsetenv("IPCLIB_RUNTIME_DIR");
+    else
+        setenv("IPCLIB_RUNTIME_DIR", previous.c_str(), 1);
 }
 
 TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)

@@ -1,6 +1,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListenerRpcLinux.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
+#include "apps/tamsel/lib/ipc/ipclib/ipclibEndpointSweep.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
@@ -202,6 +203,9 @@ uint32_t KxIpclibLinkListenerRpcLinux::bindEndpoint()
     platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!sock)
         return SystemStatusFromErrno(errno);
+    // Bound and listening before a sweep in another process can probe it: a
+    // socket bound but not yet listening refuses, like one whose server died.
+    const platform::UniqueFd dirLock = KxIpclibLockRuntimeDir(m_runtimeDir);
     // The mode is set on the node as it is made.
     const mode_t old = ::umask(0777 & ~m_mode);
     int rc = ::bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
