@@ -28,7 +28,7 @@ main_packages=(cmake ninja-build g++ pkg-config libfmt-dev libisal-dev nlohmann-
                util-linux mount e2fsprogs)
 # tests/ needs GoogleTest and GoogleMock, and groff for the man page check;
 # bench/ needs nothing more (pkg-config looks for the optional libnbd).
-test_packages=(libgtest-dev libgmock-dev groff-base)
+test_packages=(libgtest-dev libgmock-dev groff-base python3)
 # The sanitizer and fuzzer builds; the runtime package is found below.
 ci_packages=(clang)
 
