@@ -597,14 +597,21 @@ void KxIpclibStream::dispatch()
                     link->resumeRecv();
             }
         } delivered{*this, batchBytes, link};
+        size_t next = 0;
         try {
-            deliver(batch);
+            deliver(batch, next);
         } catch (...) {
             // A receive function that throws (the control stream does, on a
-            // peer's protocol violation) loses the rest of this batch, but not
-            // the stream: later deliveries, its end-of-stream above all, still
-            // run. The executor logs the exception.
+            // peer's protocol violation) loses only the message it was given:
+            // those behind it go back in front of anything newer and are
+            // delivered by the next run, so a hostile message cannot swallow
+            // an "Open" that shared its transfer. The executor logs the
+            // exception.
             lock.lock();
+            for (size_t i = batch.size(); i > next; --i) {
+                delivered.bytes -= batch[i - 1]->size();
+                m_incoming.push_front(batch[i - 1]);
+            }
             m_dispatchState = 0;
             queueDispatch();
             throw;
@@ -614,9 +621,10 @@ void KxIpclibStream::dispatch()
     m_dispatchState = 0;
 }
 
-void KxIpclibStream::deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch)
+void KxIpclibStream::deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch, size_t& next)
 {
-    for (auto& msg : batch) {
+    while (next < batch.size()) {
+        const auto& msg = batch[next++];
         switch (msg->msgType()) {
         case KxIpclibMsgType::Open:
         case KxIpclibMsgType::Msg:

@@ -147,7 +147,9 @@ protected:
     void decrementOustandingSends();
 
     void dispatch();
-    void deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch);
+    // Delivers batch[next..] in order, advancing `next` past each message
+    // before it is handed on.
+    void deliver(const std::deque<std::shared_ptr<KxIpclibMsg>>& batch, size_t& next);
     void onProtoMsg(const std::shared_ptr<KxIpclibMsg>& msg);
     void onProtoClose();
     void onProtoCloseAck();

@@ -602,15 +602,27 @@ TEST_F(StreamPair, ALargeMessageWholeInOneBlockKeepsTheReceiveBufferUntilItIsGon
 TEST_F(StreamPair, AHostileUnitFailsTheLinkAndAControlMessageOtherThanOpenIsContained)
 {
     ScopedLogCapture log(LOG_LEVEL_ERROR);
-    // A data message addressed to the control stream: the peer broke the protocol.
-    server->injectUnit(Block(KxIpclibMsgType::Msg, 3, 5, 0, Bytes(8, 0), 8));
+    // A data message addressed to the control stream (the peer broke the
+    // protocol) and, in the same unit, a good "Open" behind it.
+    auto unit = Block(KxIpclibMsgType::Msg, 3, 5, 0, Bytes(8, 0), 8);
+    const std::u16string name = u"tolvCommands";
+    std::vector<uint8_t> openPayload(4 + name.size() * 2);
+    platform::StoreLe<uint32_t>(openPayload.data(), static_cast<uint32_t>(name.size() * 2));
+    for (size_t i = 0; i < name.size(); ++i)
+        platform::StoreLe<uint16_t>(openPayload.data() + 4 + 2 * i, name[i]);
+    const auto open = Block(KxIpclibMsgType::Open, 3, 6, 0, openPayload, static_cast<uint32_t>(openPayload.size()));
+    unit.insert(unit.end(), open.begin(), open.end());
+    server->injectUnit(unit);
     const auto deadline = std::chrono::steady_clock::now() + kTestDeadline;
     while (log.CountContaining("Control stream received an invalid message") == 0 &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(1ms);
     EXPECT_EQ(log.Count("A task callback raised an exception: Control stream received an invalid message"), 1u);
-    // The violation is contained: the control stream still serves opens.
-    EXPECT_TRUE(open(makeInbox()));
+    // The violation is contained: the "Open" behind it is still served.
+    {
+        std::unique_lock<std::mutex> lock(serverLock);
+        EXPECT_TRUE(serverReady.wait_for(lock, kTestDeadline, [&] { return serverStream != nullptr; }));
+    }
 
     // A unit whose block runs past its end.
     auto cut = Block(KxIpclibMsgType::Msg, 3, 5, 99, Bytes(100, 0), 100);
