@@ -790,6 +790,16 @@ class MalformedTransferTest(WorkerTestCase):
     def test_control_message_with_payload(self):
         self.refuse(lambda s, p: transfer_bytes([first_block(CLOSE, s.id, s.peer, p)], 1))
 
+    # The control stream cannot be closed, acknowledged, shut down or ended.
+    def test_close_to_the_control_stream(self):
+        self.refuse(lambda s, p: transfer_bytes([first_block(CLOSE, s.id, 0, b"")], 1))
+
+    def test_shutdown_to_the_control_stream(self):
+        self.refuse(lambda s, p: transfer_bytes([first_block(SHUTDOWN, s.id, 0, b"")], 1))
+
+    def test_empty_message_to_the_control_stream(self):
+        self.refuse(lambda s, p: transfer_bytes([first_block(MSG, s.id, 0, b"")], 1))
+
     def test_continuation_with_nothing_rebuilt(self):
         self.refuse(lambda s, p: transfer_bytes([next_block(s.id, s.peer, p, F_LAST)], 1))
 
@@ -880,8 +890,9 @@ class StreamOpenTest(WorkerTestCase):
         link = self.worker.link
         self.assertEqual(first.query(1, "E", path)["status"], 0)
 
-        with self.subTest("open of another name"):
-            link.send_transfer([self.open_block(0x77, "tolvOther")])
+        with self.subTest("bytes to the control stream, then an open of another name in the same transfer"):
+            # The bytes are refused on their own; the Open behind them is still answered.
+            link.send_transfer([first_block(MSG, CLIENT_STREAM_ID, 0, b"hello"), self.open_block(0x77, "tolvOther")])
             ack = self.open_ack(0x77)
             self.assertEqual((ack["status"], ack["flags"]), (ST_ACCESS_DENIED, F_FIRST | F_LAST))
 
@@ -891,10 +902,6 @@ class StreamOpenTest(WorkerTestCase):
             self.assertEqual((ack["status"], ack["flags"]), (ST_OK, 0x00330000 | F_FIRST | F_LAST))
             self.assertNotIn(ack["src"], (0, first.stream.peer))
             second = DriveClient(Stream(link, 0x78, ack["src"]))
-
-        with self.subTest("bytes to the control stream are ignored"):
-            # Only after the opens: an Open delivered in the same batch would be dropped with it.
-            link.send_transfer([first_block(MSG, CLIENT_STREAM_ID, 0, b"hello")])
 
         with self.subTest("the first stream's drives are gone"):
             r = first.read(2, "E", 0, 16)

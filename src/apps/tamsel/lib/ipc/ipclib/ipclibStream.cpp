@@ -351,6 +351,13 @@ KxIpcStatusCode KxIpclibStream::recvBlock(const KxIpclibBlockHeader& header, con
                            (m_state == KxIpclibStreamState::Closing && m_closeOrigin == 1);
     if (!receiving)
         return fail(KxIpcStatusInvalidState);
+    // The control stream has no peer stream to be closed, acknowledged or
+    // shut down by, and an empty message would end it: the peer could then
+    // open nothing more, with nobody told. Each is a protocol violation.
+    if (m_isControl && (header.msgType != static_cast<uint32_t>(KxIpclibMsgType::Open) &&
+                        (header.msgType != static_cast<uint32_t>(KxIpclibMsgType::Msg) ||
+                         (header.first() && header.totalSize == 0))))
+        return fail(KxIpcStatusProtocolError);
 
     if (storage != nullptr && storage->buffer && header.first() && header.last() && !m_partial &&
         header.msgType == static_cast<uint32_t>(KxIpclibMsgType::Msg) && header.payloadLength >= kBorrowBytes &&

@@ -634,6 +634,29 @@ TEST_F(StreamPair, AHostileUnitFailsTheLinkAndAControlMessageOtherThanOpenIsCont
     EXPECT_EQ(client->state(), KxIpclibLinkState::Error);
 }
 
+// Nothing but an "Open" or a message with bytes may reach the control stream;
+// anything that would close or end it fails the link instead of leaving the
+// peer with a link that silently opens nothing more.
+TEST_F(StreamPair, AMessageThatWouldEndTheControlStreamFailsTheLink)
+{
+    struct Case {
+        const char* what;
+        KxIpclibMsgType type;
+    };
+    const Case cases[] = {{"Close", KxIpclibMsgType::Close},       {"CloseAck", KxIpclibMsgType::CloseAck},
+                          {"Shutdown", KxIpclibMsgType::Shutdown}, {"OpenAck", KxIpclibMsgType::OpenAck},
+                          {"empty Msg", KxIpclibMsgType::Msg}};
+    for (const Case& c : cases) {
+        auto [near, far] = LoopbackLink::CreatePair(executor, listeners[0], listeners[1]);
+        far->injectUnit(Block(c.type, 3, 5, 0, {}, 0));
+        EXPECT_TRUE(WaitUntil([&] { return far->lastError() != KxIpcStatusSuccess; })) << c.what;
+        EXPECT_EQ(far->lastError(), KxIpcStatusProtocolError) << c.what;
+        EXPECT_EQ(far->state(), KxIpclibLinkState::Error) << c.what;
+        EXPECT_TRUE(near->closeAndDrain()) << c.what;
+        EXPECT_TRUE(far->closeAndDrain()) << c.what;
+    }
+}
+
 TEST_F(StreamPair, AnOpenNobodyAnswersTimesOut)
 {
     decision = Decision::Hold;
