@@ -313,6 +313,14 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
     uint32_t blockCount = 0;
     // A section smaller than its transfer header has no room at all.
     auto room = [&] { return used < m_sectionSize ? m_sectionSize - used : 0u; };
+    if (room() <= KxIpclibMinBlockRoom) {
+        // A section too small for one block can carry nothing, ever: fail
+        // rather than hand the peer transfers without blocks.
+        KXIPC_TRACE(Link, "- linkId: {:#x}, section of {} bytes holds no block", m_linkId, m_sectionSize);
+        m_sendState = KxIpclibSendIdle;
+        linkError(lock);
+        return;
+    }
     std::vector<std::shared_ptr<KxIpclibMsg>> written, failed;
     bool finishClosing = false;
     do {

@@ -17,6 +17,8 @@
 #include <fmt/format.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <atomic>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
@@ -472,6 +474,60 @@ TEST_F(ShmLinkByHand, APeerThatStoppedHasItsStreamsClosedAndTakenOutOfTheLinkAtO
     EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites.stopEvent()));
     release.open();
     EXPECT_EQ(ends.value(), 1);
+}
+
+// 64 bytes leave 36 after the transfer header, less than one block needs: the
+// link can carry nothing, so its first send fails it instead of handing the
+// peer a transfer without blocks.
+TEST(ShmLinkStart, ASectionTooSmallForOneBlockFailsAtTheFirstSend)
+{
+    constexpr uint32_t kTiny = 64;
+    const size_t descriptors = OpenDescriptors();
+    auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    platform::UniqueFd pipeWrite(fds[1]);
+    auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"tiny", 1, nullptr, nullptr, kTiny,
+                                                             platform::UniqueFd(), platform::UniqueFd(fds[0]));
+    int error = 0;
+    ASSERT_EQ(link->create(error), 0);
+    KxIpclibLinkChannelResourceLinux send, recv;
+    ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
+    ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
+    auto peerReads = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
+    auto peerWrites = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
+    ASSERT_EQ(peerReads->attach(std::move(send), error), 0);
+    ASSERT_EQ(peerWrites->attach(std::move(recv), error), 0);
+    ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+    unsigned int out = 0;
+    ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
+    auto stream = std::make_shared<KxIpclibStream>(link, executor, u"s", Flags<KxIpclibStreamFlag>(), 99,
+                                                   KxIpclibStreamState::Init);
+    ASSERT_EQ(link->addStream(stream), KxIpcStatusSuccess);
+    ASSERT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(), [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}),
+              KxIpcStatusSuccess);
+
+    peerReads->signalBufferFree();
+    std::atomic<int> completed{-1};
+    ASSERT_TRUE(stream->send(0, 10, "0123456789", [&](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg>) {
+        completed = static_cast<int>(status);
+    }));
+    ASSERT_TRUE(WaitUntil([&] { return completed.load() != -1; }));
+    EXPECT_EQ(completed.load(), static_cast<int>(KxIpcStatusStreamClosed));
+    EXPECT_TRUE(KxIpclibLinkChannelSharedMemLinux::Consume(peerWrites->errorEvent()));
+    EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(peerReads->dataReadyEvent()));
+    const auto state = link->state();
+    EXPECT_TRUE(state == KxIpclibLinkState::ShuttingDown || state == KxIpclibLinkState::Closed);
+    stream.reset();
+    link->close();
+    link.reset();
+    executor.reset();
+    pipeWrite.reset();
+    peerReads.reset();
+    peerWrites.reset();
+    // At most: descriptors of earlier tests in this process may close meanwhile.
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() <= descriptors; }))
+        << OpenDescriptors() << " descriptors open, " << descriptors << " before";
 }
 
 TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)
