@@ -333,6 +333,21 @@ TEST_F(ShmLinkProcess, APeerKilledMidStreamLeavesTheSurvivorShutDown)
 
 namespace {
 
+// Makes the link's channels, hands them to the peer's side as the bootstrap
+// would, and puts the link into "Connecting".
+void CreateAndHandOver(KxIpclibLinkSharedMemLinux& link, KxIpclibLinkChannelSharedMemLinux& peerReads,
+                       KxIpclibLinkChannelSharedMemLinux& peerWrites)
+{
+    int error = 0;
+    ASSERT_EQ(link.create(error), 0);
+    KxIpclibLinkChannelResourceLinux send, recv;
+    ASSERT_EQ(link.sendChannel()->duplicateHandles(send, error), 0);
+    ASSERT_EQ(link.recvChannel()->duplicateHandles(recv, error), 0);
+    ASSERT_EQ(peerReads.attach(std::move(send), error), 0);
+    ASSERT_EQ(peerWrites.attach(std::move(recv), error), 0);
+    ASSERT_EQ(link.connecting(), KxIpcStatusSuccess);
+}
+
 // A link of this process whose peer is played by hand: the peer's channels
 // are the same sections and events, taken over from the link's duplicates,
 // and the peer watch is a pipe whose write end the test holds.
@@ -346,14 +361,7 @@ protected:
         pipeWrite.reset(fds[1]);
         link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"by-hand", 1, nullptr, nullptr, kSection,
                                                             platform::UniqueFd(), platform::UniqueFd(fds[0]));
-        int error = 0;
-        ASSERT_EQ(link->create(error), 0);
-        KxIpclibLinkChannelResourceLinux send, recv;
-        ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
-        ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
-        ASSERT_EQ(peerReads.attach(std::move(send), error), 0);
-        ASSERT_EQ(peerWrites.attach(std::move(recv), error), 0);
-        ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+        ASSERT_NO_FATAL_FAILURE(CreateAndHandOver(*link, peerReads, peerWrites));
     }
 
     void TearDown() override
@@ -489,16 +497,9 @@ TEST(ShmLinkStart, ASectionTooSmallForOneBlockFailsAtTheFirstSend)
     platform::UniqueFd pipeWrite(fds[1]);
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"tiny", 1, nullptr, nullptr, kTiny,
                                                              platform::UniqueFd(), platform::UniqueFd(fds[0]));
-    int error = 0;
-    ASSERT_EQ(link->create(error), 0);
-    KxIpclibLinkChannelResourceLinux send, recv;
-    ASSERT_EQ(link->sendChannel()->duplicateHandles(send, error), 0);
-    ASSERT_EQ(link->recvChannel()->duplicateHandles(recv, error), 0);
     auto peerReads = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
     auto peerWrites = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
-    ASSERT_EQ(peerReads->attach(std::move(send), error), 0);
-    ASSERT_EQ(peerWrites->attach(std::move(recv), error), 0);
-    ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);
+    ASSERT_NO_FATAL_FAILURE(CreateAndHandOver(*link, *peerReads, *peerWrites));
     unsigned int out = 0;
     ASSERT_EQ(link->start(executor, out), KxIpcStatusSuccess);
     auto stream = std::make_shared<KxIpclibStream>(link, executor, u"s", Flags<KxIpclibStreamFlag>(), 99,
