@@ -7,9 +7,10 @@
 //
 // Everything runs on this thread: the link has no send or receive task (what
 // the streams send waits in its queue until the pass is over and is then
-// completed), and delivery is the stream's inline dispatch; only what the
-// control stream leaves to the executor after it raises runs there, and is
-// waited for. The executor is made once per process.
+// completed), and delivery is the stream's inline dispatch. Only the control
+// stream hands deliveries to the executor (those behind a message it raised
+// on, and its end), and they are waited for. The executor is made once per
+// process.
 //
 // Input: one mode byte, then passes of a 16-bit little-endian length and that
 // many bytes (0xFFFF: the rest of the input). A pass is read block by block
@@ -52,6 +53,8 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <string>
+#include <thread>
 #include <vector>
 
 using namespace tamsel::ipc;
@@ -80,6 +83,18 @@ const std::shared_ptr<TaskExecutor>& Executor()
 class FuzzControl final : public KxIpclibStreamCtrl {
 public:
     using KxIpclibStreamCtrl::KxIpclibStreamCtrl;
+
+    // Ends the stream as a stopping link does, and waits until its end has
+    // been delivered (which the executor does) and it has left the link.
+    void end()
+    {
+        stop();
+        for (int spins = 0; link(); ++spins) {
+            FUZZ_CHECK(spins < 1000000);
+            waitForDeliveries();
+            std::this_thread::yield();
+        }
+    }
 
     void waitForDeliveries()
     {
@@ -192,16 +207,17 @@ public:
     }
 };
 
-// BLOCK_STREAM_FUZZ_TOLERATE=failed-open looks past a known fault, so that a
-// long run can go further: a stream whose open fails keeps the messages that
-// arrived before the answer, and they keep the stream alive.
-bool TolerateFailedOpen()
+// BLOCK_STREAM_FUZZ_TOLERATE, a comma-separated list, looks past known
+// faults so that a long run can go further:
+//   failed-open:  a stream whose open fails keeps the messages that arrived
+//                 before the answer, and they keep the stream alive.
+bool Tolerate(const char* fault)
 {
-    static const bool tolerate = [] {
+    static const std::string list = [] {
         const char* value = std::getenv("BLOCK_STREAM_FUZZ_TOLERATE");
-        return value != nullptr && std::strcmp(value, "failed-open") == 0;
+        return "," + std::string(value ? value : "") + ",";
     }();
-    return tolerate;
+    return list.find("," + std::string(fault) + ",") != std::string::npos;
 }
 
 // What the peer's accepted blocks promise one stream.
@@ -520,9 +536,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         FUZZ_CHECK(!run.link->holds(slot.stream));
     }
-    if (run.control->link())
-        EndStream(run, run.control);
-    if ((run.mode & 1) && !run.opened && TolerateFailedOpen())
+    run.control->end();
+    CompleteSends(run);
+    if ((run.mode & 1) && !run.opened && Tolerate("failed-open"))
         static_cast<OpeningStream&>(*run.slots[0].stream).dropUndelivered();
     CompleteSends(run);
     FUZZ_CHECK(run.link->streamCount() == 0);

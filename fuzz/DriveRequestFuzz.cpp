@@ -8,7 +8,9 @@
 // Input: one mode byte, then records of a 16-bit little-endian length and
 // that many bytes (the last record takes what is left).
 //   mode bits 0..2: every n-th reply block cannot be had (0: all can);
-//   mode bit 3:     such a block fails by throwing std::bad_alloc, not null.
+//   mode bit 3:     such a block fails by throwing std::bad_alloc, not null;
+//   mode bit 4:     the service is deleted without Uninit (as when its peer
+//                   is replaced), rather than uninitialised first.
 // A path may end in '#' and one more code unit, whose value minus 0x40 sets
 // how the drive behaves (kOpenFails and the rest below).
 
@@ -395,7 +397,11 @@ void RunRecord(StorageDrives& drives, const uint8_t* data, size_t size, std::map
     const bool result = drives.HandleRequest(size == 0 ? nullptr : record.get(), static_cast<uint32_t>(size),
                                              &response, &responseSize, &context);
     FUZZ_CHECK(static_cast<void*>(response) == context);
-    std::unique_ptr<uint8_t, void (*)(uint8_t*)> owned(response, [](uint8_t* p) { std::free(p); });
+    struct Release {
+        StorageDrives& drives;
+        void* block;
+        ~Release() { drives.FreeResponse(block); }
+    } release{drives, context};
     if (!response)
         FUZZ_CHECK(responseSize == 0);
 
@@ -485,21 +491,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     g_failEvery = data[0] & 7;
     g_failByThrow = (data[0] & 8) != 0;
+    const bool uninit = (data[0] & 16) == 0;
     g_allocations = 0;
     ++data;
     --size;
     {
         StorageDrives drives;
+        FUZZ_CHECK(drives.Init());
         std::map<uint8_t, KnownDrive> known;
-        while (size > 0) {
-            if (size < 2)
-                break;
+        while (size >= 2) {
             const size_t length = std::min<size_t>(LoadLe<uint16_t>(data), size - 2);
             data += 2;
             size -= 2;
             RunRecord(drives, data, length, known);
             data += length;
             size -= length;
+        }
+        if (uninit) {
+            drives.Uninit();
+            FUZZ_CHECK(g_open.empty());
         }
     }
     // The service let go of every drive it opened.

@@ -115,5 +115,7 @@ write("block-stream", "first-block-twice", stream_input(
     0, block(MSG, FIRST, 1, b"ab", total=4) + block(MSG, FIRST, 1, b"cd", total=4)))
 write("block-stream", "control-gets-a-message", stream_input(
     12, message(0, b"not an open") + message(1, b"data"), control(CLOSE, 1)))
+write("block-stream", "control-ended-by-an-empty-message", stream_input(
+    0, message(0, b""), open_msg("x")))
 write("block-stream", "control-closed-then-a-message", stream_input(
     0, control(CLOSE, 0) + message(0, b"after the close") + open_msg("late")))
