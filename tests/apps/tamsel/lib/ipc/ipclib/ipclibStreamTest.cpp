@@ -647,7 +647,8 @@ TEST_F(StreamPair, AMessageThatWouldEndTheControlStreamFailsTheLink)
                           {"Shutdown", KxIpclibMsgType::Shutdown}, {"OpenAck", KxIpclibMsgType::OpenAck},
                           {"empty Msg", KxIpclibMsgType::Msg}};
     for (const Case& c : cases) {
-        auto [near, far] = LoopbackLink::CreatePair(executor, listeners[0], listeners[1]);
+        std::shared_ptr<LoopbackLink> near, far;
+        std::tie(near, far) = LoopbackLink::CreatePair(executor, listeners[0], listeners[1]);
         far->injectUnit(Block(c.type, 3, 5, 0, {}, 0));
         EXPECT_TRUE(WaitUntil([&] { return far->lastError() != KxIpcStatusSuccess; })) << c.what;
         EXPECT_EQ(far->lastError(), KxIpcStatusProtocolError) << c.what;
