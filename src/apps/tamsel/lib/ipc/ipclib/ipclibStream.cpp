@@ -536,6 +536,13 @@ void KxIpclibStream::shutdownStream()
     }
     cancelCloseTimer();
     m_partial.reset();
+    // Nothing queued will be delivered now, and each message holds the
+    // stream: kept, they would keep it forever (an open refused after data
+    // for it had arrived, say).
+    std::deque<std::shared_ptr<KxIpclibMsg>> dropped = std::move(m_incoming);
+    m_incoming.clear();
+    for (const auto& msg : dropped)
+        m_undeliveredBytes -= msg->size();
     auto link = std::move(m_link);
     m_link.reset();
     if (link)
@@ -615,7 +622,7 @@ void KxIpclibStream::dispatch()
             // an "Open" that shared its transfer. The executor logs the
             // exception.
             lock.lock();
-            for (size_t i = batch.size(); i > next; --i) {
+            for (size_t i = batch.size(); i > next && m_dispatchTask; --i) {
                 delivered.bytes -= batch[i - 1]->size();
                 m_incoming.push_front(batch[i - 1]);
             }
