@@ -47,13 +47,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
 #include <map>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -198,27 +196,7 @@ public:
         m_accepted = true;
         return Settled::Connected;
     }
-
-    // What arrived before a failed open's answer and will never be delivered.
-    void dropUndelivered()
-    {
-        Lock lock(m_mutex);
-        m_incoming.clear();
-    }
 };
-
-// BLOCK_STREAM_FUZZ_TOLERATE, a comma-separated list, looks past known
-// faults so that a long run can go further:
-//   failed-open:  a stream whose open fails keeps the messages that arrived
-//                 before the answer, and they keep the stream alive.
-bool Tolerate(const char* fault)
-{
-    static const std::string list = [] {
-        const char* value = std::getenv("BLOCK_STREAM_FUZZ_TOLERATE");
-        return "," + std::string(value ? value : "") + ",";
-    }();
-    return list.find("," + std::string(fault) + ",") != std::string::npos;
-}
 
 // What the peer's accepted blocks promise one stream.
 struct Expected {
@@ -243,7 +221,6 @@ struct Run {
     Expected controlExpected;
     std::vector<Slot> slots;  // [0] the first stream, then those the peer opened
     bool opening = false;     // slots[0] still waits for its OpenAck
-    bool opened = false;      // and was answered with success
 
     bool echo() const { return (mode & 2) != 0; }
     uint32_t closeWhen() const { return (mode >> 2) & 3; }
@@ -450,7 +427,6 @@ bool Pass(Run& run, const uint8_t* data, size_t size)
             if (settled == OpeningStream::Settled::Waiting)
                 continue;
             run.opening = false;
-            run.opened = settled == OpeningStream::Settled::Connected;
         }
         Dispatch(entry.first);
     }
@@ -538,8 +514,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     run.control->end();
     CompleteSends(run);
-    if ((run.mode & 1) && !run.opened && Tolerate("failed-open"))
-        static_cast<OpeningStream&>(*run.slots[0].stream).dropUndelivered();
     CompleteSends(run);
     FUZZ_CHECK(run.link->streamCount() == 0);
     for (auto& slot : run.slots) {

@@ -104,7 +104,7 @@ write("block-stream", "message-in-three-blocks", stream_input(
     2, block(MSG, FIRST, 1, b"abc", total=9) + block(MSG, 0, 1, b"def"), block(MSG, LAST, 1, b"ghi")))
 write("block-stream", "open-ack-then-message", stream_input(
     1, control(OPEN_ACK, 1), message(1, b"reply")))
-write("block-stream", "open-refused", stream_input(
+write("block-stream", "open-refused-after-data", stream_input(
     1, message(1, b"early") + control(OPEN_ACK, 1, status=7)))
 write("block-stream", "we-close-peer-acks", stream_input(
     4 | 16, message(1, b"x"), control(CLOSE_ACK, 1)))
