@@ -56,7 +56,7 @@ uint32_t writeBlock(KxIpclibMsg& msg, uint8_t* out, uint32_t room);
 
 // Reads and checks one block from untrusted bytes: a known message type (1..6);
 // control messages (2..5) as one block with no payload; an open addressed to
-// stream 0; open and data blocks carrying payload; blockLength equal to the
+// stream 0 (open and data blocks may be empty); blockLength equal to the
 // header plus payloadLength; a first block's totalSize at least its payload
 // (and equal to it in a single-block message); no unknown low flag bits; header
 // and payload inside the `available` bytes. ProtocolError otherwise, and `out` untouched.
