@@ -4,7 +4,7 @@
 // afterwards.
 
 #include "log/FileWriter.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
 

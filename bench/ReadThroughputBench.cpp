@@ -6,11 +6,12 @@
 //   readThroughputBench [PATH] [MiB] [rounds]
 //   Without PATH a sparse-free temporary file of MiB (default 512) is made.
 
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrives.h"
 
-#include "log/Log.h"
-#include "platform/UniqueFd.h"
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <fcntl.h>

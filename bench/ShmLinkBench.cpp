@@ -10,10 +10,11 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ShmHandOver.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
-#include "log/Log.h"
+#include <tamsel/ipc/ipclibStream.h>
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
 #include "task/LinuxThreadPoolExecutor.h"
 
 #include <fcntl.h>

@@ -10,8 +10,9 @@
 
 #include "task/LinuxThreadPoolExecutor.h"
 
-#include "log/Log.h"
-#include "platform/UniqueFd.h"
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <sys/eventfd.h>
 #include <unistd.h>

@@ -15,7 +15,7 @@
 #include "peer/PeerConnection.h"
 
 #include "platform/MallocTuning.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <fcntl.h>

@@ -35,11 +35,11 @@
 // and once every stream has ended the link holds none (LeakSanitizer then
 // sees anything kept alive by a cycle).
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
+#include <tamsel/ipc/ipclibBlock.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
+#include <tamsel/ipc/ipclibRecvBufferPool.h>
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStreamCtrl.h"
 
 #include "platform/LittleEndian.h"

@@ -2,7 +2,7 @@
 // by the pure request parser. Whatever parses must encode back to the very
 // same bytes, so the parser accepts exactly the documented layout.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
+#include <tamsel/ipc/ipclibBootstrap.h>
 
 #include <cstdint>
 #include <cstdlib>

@@ -15,7 +15,7 @@
 // how the drive behaves (kOpenFails and the rest below).
 
 #include "worker/DriveCalls.h"
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrives.h"
 
 #include "platform/LittleEndian.h"

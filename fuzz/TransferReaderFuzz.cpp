@@ -3,7 +3,7 @@
 // whether the harness fixes up the CRC and the sequence number, so that the
 // fuzzer also gets past them into the block walk.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibTransfer.h>
 
 #include "platform/LittleEndian.h"
 

@@ -2,7 +2,7 @@
 
 #include "corvantabase/PollModule.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 void Poll_InitDefault()
 {

@@ -1,6 +1,6 @@
 #include "corvantabase/PollModule.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <new>
 

@@ -1,8 +1,8 @@
 #include "corvantabase/SafeTmpDir.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/SysCall.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

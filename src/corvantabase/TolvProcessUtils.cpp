@@ -1,7 +1,7 @@
 #include "corvantabase/TolvProcessUtils.h"
 
-#include "log/Log.h"
-#include "platform/UniqueFd.h"
+#include <tolv/log/Log.h>
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <dlfcn.h>

@@ -1,8 +1,8 @@
 #include "log/FileWriter.h"
 
-#include "log/Log.h"
-#include "log/LogLevel.h"
-#include "log/LogSink.h"
+#include <tolv/log/Log.h>
+#include <tolv/log/LogLevel.h>
+#include <tolv/log/LogSink.h>
 #include "log/LogSystemInfo.h"
 #include "support/ProcessUtils.h"
 #include "log/Logger.h"

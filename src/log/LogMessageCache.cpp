@@ -1,8 +1,8 @@
 #include "log/LogMessageCache.h"
 
-#include "log/Log.h"
-#include "log/LogLevel.h"
-#include "log/LogSink.h"
+#include <tolv/log/Log.h>
+#include <tolv/log/LogLevel.h>
+#include <tolv/log/LogSink.h>
 #include "log/LoggerManager.h"
 #include "support/LxMutexLock.h"
 #include "support/LxPollThread.h"

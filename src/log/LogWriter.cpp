@@ -1,8 +1,8 @@
 #include "log/LogWriter.h"
 
-#include "log/LogLevel.h"
+#include <tolv/log/LogLevel.h>
 #include "log/LogMessageManager.h"
-#include "log/LogSink.h"
+#include <tolv/log/LogSink.h>
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
 #include "log/LoggingLock.h"

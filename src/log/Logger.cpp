@@ -7,9 +7,9 @@
 #include "log/SocketWriter.h"
 #include "log/StdErrWriter.h"
 #include "log/StdOutWriter.h"
-#include "log/Log.h"
-#include "log/LogLevel.h"
-#include "log/LogSink.h"
+#include <tolv/log/Log.h>
+#include <tolv/log/LogLevel.h>
+#include <tolv/log/LogSink.h>
 #include "log/LogSystemInfo.h"
 #include "support/ProcessUtils.h"
 #include "log/LoggerManager.h"

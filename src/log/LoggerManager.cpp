@@ -1,12 +1,17 @@
 #include "log/LoggerManager.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
+#include "log/LoggerBackEnd.h"
 #include "log/LoggingLock.h"
+#include "log/LogWriter.h"
 #include "support/LxMutexLock.h"
+
+#include <tolv/log/LogBackEnd.h>
+
+#include <cstdlib>
 
 std::atomic<LoggerManager*> LoggerManager::s_instance{nullptr};
 std::atomic<bool> LoggerManager::s_defaultUsesLocalTime{true};
-std::atomic<int32_t> LoggerManager::s_frontEndLevel{0};
 
 LoggerManager::LoggerManager() : m_pollThread(MakeRC<LxPollThread>("Logger"))
 {
@@ -20,6 +25,8 @@ LoggerManager* LoggerManager::GetInstance()
         auto* made = new LoggerManager;
         made->AddRef();
         s_instance.store(made);
+        // From now on the entry points reach the default logger.
+        LoggerBackEnd::PlugIn();
         return made;
     }();
     return instance;
@@ -116,12 +123,19 @@ void LoggerManager::RefreshCurrentLogLevel()
     LoggerManager* instance = s_instance.load();
     Logger* logger = instance ? instance->m_defaultLogger.get() : nullptr;
     s_defaultUsesLocalTime.store(logger ? logger->UsesLocalTime() : true);
-    CurrentLogLevel.store(logger && logger->IsStarted() ? logger->GetLevel() : s_frontEndLevel.load());
+    CurrentLogLevel.store(logger && logger->IsStarted() ? logger->GetLevel() : FrontEndLogLevel());
 }
 
-void LoggerManager::SetFrontEndLevel(int32_t level)
+bool LogToStandardError(const char* appName, int32_t level)
 {
-    LxMutexLock guard(LoggingLock());
-    s_frontEndLevel.store(level);
-    RefreshCurrentLogLevel();
+    RCPtr<Logger> logger = LoggerManager::GetInstance()->CreateLogger(std::string(appName) + "StdErrLogger", appName, true);
+    if (!logger || !logger->GetWriter(LogWriter::kStdErrWriter))
+        return false;
+    logger->SetLevel(level);
+    if (!logger->Start())
+        return false;
+    // Lines still queued are written and the logging thread stops before the
+    // statics it uses go.
+    std::atexit([] { LoggerManager::GetInstance()->Shutdown(); });
+    return true;
 }

@@ -39,9 +39,8 @@ public:
     static bool DefaultUsesLocalTime() { return s_defaultUsesLocalTime.load(); }
     static bool IsShuttingDownNow();
     // CurrentLogLevel: the default logger's level while it is started, else
-    // the front-end level (0 unless a tool or test set it).
+    // the front end's level (0 unless a tool or test set it).
     static void RefreshCurrentLogLevel();
-    static void SetFrontEndLevel(int32_t level);
 
 private:
     LoggerManager();
@@ -54,5 +53,9 @@ private:
 
     static std::atomic<LoggerManager*> s_instance;
     static std::atomic<bool> s_defaultUsesLocalTime;
-    static std::atomic<int32_t> s_frontEndLevel;
 };
+
+// For tools: makes and starts a default logger for `appName` whose one writer
+// is standard error, at `level`; it is shut down at exit. False when a logger
+// of that name exists or it cannot start.
+bool LogToStandardError(const char* appName, int32_t level);

@@ -1,10 +1,12 @@
 #include "log/LoggingLock.h"
 
+#include <tolv/log/LogBackEnd.h>
+
 LxMutex& LoggingLock()
 {
     // Never destroyed: threads may log while statics are torn down.
     static LxMutex* lock = [] {
-        auto* made = new LxMutex(false, "Logging");
+        auto* made = new LxMutex(LoggingMutex(), "Logging");
         // An infinite wait on this lock must not warn through the logger it guards.
         made->SetDeadlockWarningMs(LxMutex::kInfinite);
         return made;

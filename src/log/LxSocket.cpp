@@ -1,6 +1,6 @@
 #include "log/LxSocket.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/SysCall.h"
 
 #include <arpa/inet.h>

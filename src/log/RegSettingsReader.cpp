@@ -1,6 +1,6 @@
 #include "log/RegSettingsReader.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LogRegKeyWatcher.h"
 #include "log/Logger.h"
 #include "log/LoggerManager.h"

@@ -8,7 +8,7 @@
 // delivery thread. m_mutex guards the pending table and is never held across
 // the send function.
 
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 
 #include <atomic>
 #include <chrono>

@@ -2,7 +2,7 @@
 
 #include "peer/NtStatusText.h"
 #include "platform/LittleEndian.h"
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 #include <isa-l/crc.h>
 

@@ -1,6 +1,6 @@
 #include "peer/ImageFile.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/WholeIo.h"
 
 #include <fcntl.h>

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 class InterruptWatch {
 public:

@@ -1,6 +1,6 @@
 #include "peer/LocalDrivePath.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "worker/FileSystemKind.h"
 
 #include <fcntl.h>

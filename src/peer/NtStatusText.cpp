@@ -1,6 +1,6 @@
 #include "peer/NtStatusText.h"
 
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 #include <cstdio>
 

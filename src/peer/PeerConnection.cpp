@@ -1,11 +1,11 @@
 #include "peer/PeerConnection.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibBlock.h>
+#include <tamsel/ipc/ipclibClient.h>
+#include <tamsel/ipc/ipclibTransfer.h>
 #include "corvantabase/Uuid.h"
 #include "peer/DriveSession.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <poll.h>

@@ -4,7 +4,7 @@
 #include "peer/ImageFile.h"
 #include "peer/InterruptWatch.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 #include "platform/WholeIo.h"
 

@@ -1,4 +1,4 @@
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 #include <cerrno>
 

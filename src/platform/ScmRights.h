@@ -2,7 +2,7 @@
 // Descriptors that arrived with a message (SCM_RIGHTS), each taken into an
 // owner at once so that none can leak, whatever else the message holds.
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <sys/socket.h>
 

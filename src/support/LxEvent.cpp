@@ -1,6 +1,6 @@
 #include "support/LxEvent.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/SysCall.h"
 
 #include <poll.h>

@@ -6,7 +6,7 @@
 // descriptor, a pidfd) is signalled while that descriptor is readable; only
 // its owner can reset it, by reading what made it readable.
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "support/RCObject.h"
 
 class LxEventData final : public RCObject {

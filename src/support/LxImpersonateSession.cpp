@@ -1,6 +1,6 @@
 #include "support/LxImpersonateSession.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/Utf.h"
 
 #include <sys/syscall.h>

@@ -1,6 +1,6 @@
 #include "support/LxMutex.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <pthread.h>
 #include <time.h>
@@ -58,6 +58,10 @@ LxMutex::LxMutex(bool initiallyOwned, const std::string& name) : m_data(MakeRC<L
         Acquire(kInfinite);
 }
 
+LxMutex::LxMutex(pthread_mutex_t& adopted, const std::string& name) : m_data(MakeRC<LxMutexData>(adopted, name))
+{
+}
+
 void LxMutex::SetDeadlockWarningMs(uint32_t ms)
 {
     if (m_data)
@@ -72,7 +76,7 @@ bool LxMutex::Acquire(uint32_t timeoutMs)
     const auto address = reinterpret_cast<uintptr_t>(&d);
     int rc;
     if (timeoutMs == kInfinite) {
-        rc = TimedLock(&d.m_handle, d.m_deadlockWarningMs.load());
+        rc = TimedLock(d.m_handle, d.m_deadlockWarningMs.load());
         if ((rc == ETIMEDOUT || rc == EBUSY) && !t_warningDeadlock) {
             t_warningDeadlock = true;
             LOG_WARN("LxMutex::Acquire()", "Possible deadlock trying to acquire lock 0x%" PRIxPTR
@@ -80,15 +84,15 @@ bool LxMutex::Acquire(uint32_t timeoutMs)
             t_warningDeadlock = false;
         }
         if (rc == ETIMEDOUT || rc == EBUSY)
-            rc = pthread_mutex_lock(&d.m_handle);
+            rc = pthread_mutex_lock(d.m_handle);
     } else {
-        rc = TimedLock(&d.m_handle, timeoutMs);
+        rc = TimedLock(d.m_handle, timeoutMs);
     }
 
     if (rc == EOWNERDEAD) {
         // The holder ended while holding it; the data it guarded is the
         // caller's to judge.
-        pthread_mutex_consistent(&d.m_handle);
+        pthread_mutex_consistent(d.m_handle);
         LOG_WARN("LxMutex::Acquire()", "Acquired abandoned lock 0x%" PRIxPTR " previously held by thread 0x%04x",
                  address, d.m_ownerThreadId.load());
         d.m_depth = 0;
@@ -114,5 +118,5 @@ bool LxMutex::Release()
     if (d.m_ownerThreadId.load() != CurrentThreadId() || d.m_depth.load() <= 0)
         return false;
     --d.m_depth;
-    return pthread_mutex_unlock(&d.m_handle) == 0;
+    return pthread_mutex_unlock(d.m_handle) == 0;
 }

@@ -8,6 +8,8 @@
 #include "support/LxMutexData.h"
 #include "support/RCPtr.h"
 
+#include <pthread.h>
+
 #include <cstdint>
 #include <string>
 
@@ -17,6 +19,9 @@ public:
 
     // Creates the mutex; when `initiallyOwned`, the caller holds it on return.
     explicit LxMutex(bool initiallyOwned = false, const std::string& name = {});
+    // A handle on `adopted`, a robust recursive mutex that lives as long as the
+    // process; others may take it directly as well.
+    LxMutex(pthread_mutex_t& adopted, const std::string& name);
 
     // True once taken (depth + 1). A finite time-out that passes gives false
     // without a log line; other failures give false with a WARN line.

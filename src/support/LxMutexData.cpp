@@ -1,6 +1,6 @@
 #include "support/LxMutexData.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 LxMutexData::LxMutexData(std::string name) : m_name(std::move(name))
 {
@@ -9,14 +9,19 @@ LxMutexData::LxMutexData(std::string name) : m_name(std::move(name))
         return;
     const bool configured = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) == 0 &&
                             pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST) == 0;
-    m_valid = configured && pthread_mutex_init(&m_handle, &attr) == 0;
+    m_valid = configured && pthread_mutex_init(&m_own, &attr) == 0;
     pthread_mutexattr_destroy(&attr);
     if (!m_valid)
         LOG_ERROR("LxMutexData::LxMutexData()", "Cannot create mutex %s", m_name.c_str());
 }
 
+LxMutexData::LxMutexData(pthread_mutex_t& adopted, std::string name)
+    : m_handle(&adopted), m_owned(false), m_valid(true), m_name(std::move(name))
+{
+}
+
 LxMutexData::~LxMutexData()
 {
-    if (m_valid)
-        pthread_mutex_destroy(&m_handle);
+    if (m_valid && m_owned)
+        pthread_mutex_destroy(&m_own);
 }

@@ -1,6 +1,6 @@
 #include "support/LxPolicyValue.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <string.h>
 #include <strings.h>

@@ -1,6 +1,6 @@
 #include "support/LxPolicyWatcher.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/LxPollThread.h"
 
 LxPolicyWatcher::LxPolicyWatcher(RCPtr<LxPolicyValue> value, int32_t level, Callback onChange)

@@ -1,6 +1,6 @@
 #include "support/LxPollItem.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/DurationText.h"
 #include "support/LxMutexLock.h"
 #include "support/LxPollThread.h"

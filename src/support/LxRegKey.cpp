@@ -1,6 +1,6 @@
 #include "support/LxRegKey.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/ProcessUtils.h"
 
 #include <dirent.h>

@@ -13,7 +13,7 @@
 // Open returns an error number in the registry's numbering: 0 success,
 // 2 not found, 5 access denied, 11 a malformed location, 1009 anything else.
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "support/RCObject.h"
 
 #include <cstdint>

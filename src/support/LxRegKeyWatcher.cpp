@@ -1,6 +1,6 @@
 #include "support/LxRegKeyWatcher.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/LxMutexLock.h"
 #include "support/LxPollThread.h"
 #include "support/LxRegValueWatcher.h"

@@ -1,9 +1,9 @@
 #include "support/LxRegValue.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/ParseNumber.h"
 #include "platform/SysCall.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <strings.h>

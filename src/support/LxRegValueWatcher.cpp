@@ -1,6 +1,6 @@
 #include "support/LxRegValueWatcher.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/LxRegKeyWatcher.h"
 
 LxRegValueWatcher::LxRegValueWatcher(RCPtr<LxRegValue> value, Callback onChange, int32_t level)

@@ -1,6 +1,6 @@
 #include "support/LxThreadData.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/LxMutexLock.h"
 #include "support/ProcessUtils.h"
 

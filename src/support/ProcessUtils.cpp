@@ -1,7 +1,7 @@
 #include "support/ProcessUtils.h"
 
-#include "log/Log.h"
-#include "platform/UniqueFd.h"
+#include <tolv/log/Log.h>
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <dirent.h>

@@ -10,8 +10,8 @@
 // Lock order: m_lock (task lists) is never held while a callback runs or while
 // a task is being closed.
 
-#include "task/TaskContexts.h"
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskContexts.h>
+#include <tamsel/task/TaskExecutor.h>
 
 #include <chrono>
 #include <condition_variable>

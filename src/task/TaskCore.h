@@ -5,9 +5,9 @@
 // Lock order: TaskPool::m_lock and TaskCore::lock are never held together;
 // TaskCore::queueLock is taken alone. No lock is held while a callback runs.
 
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskExecutor.h>
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <atomic>
 #include <condition_variable>

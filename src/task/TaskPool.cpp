@@ -1,6 +1,6 @@
 #include "task/TaskCore.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>

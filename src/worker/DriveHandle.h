@@ -6,7 +6,7 @@
 
 #include "worker/DriveCalls.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <cerrno>
 

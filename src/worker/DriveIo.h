@@ -3,7 +3,7 @@
 // length is done, end of file, or an error. The result is what the system's
 // I/O status block would hold: a status and the bytes transferred.
 
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 #include <cstdint>
 

@@ -1,4 +1,4 @@
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 
 #include "platform/LittleEndian.h"
 

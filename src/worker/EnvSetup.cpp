@@ -2,7 +2,7 @@
 
 #include "corvantabase/Poll.h"
 #include "corvantabase/SafeTmpDir.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LogRegistryRoot.h"
 #include "log/LoggerManager.h"
 

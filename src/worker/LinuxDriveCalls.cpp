@@ -6,10 +6,10 @@
 #include "worker/FileSystemKind.h"
 #include "worker/MountTable.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include "platform/SysCall.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <linux/fs.h>

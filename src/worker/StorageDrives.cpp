@@ -1,7 +1,7 @@
 #include "worker/StorageDrives.h"
 
-#include "log/Log.h"
-#include "platform/NtStatus.h"
+#include <tolv/log/Log.h>
+#include <tolv/platform/NtStatus.h>
 
 #include <atomic>
 #include <cerrno>

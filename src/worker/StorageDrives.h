@@ -9,7 +9,7 @@
 // meanwhile.
 
 #include "worker/DriveHandle.h"
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrivesInterface.h"
 
 #include <cstdlib>

@@ -4,9 +4,9 @@
 
 #include "worker/DriveIo.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/LittleEndian.h"
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 using namespace platform;
 

@@ -4,8 +4,8 @@
 
 #include "worker/DriveIo.h"
 
-#include "log/Log.h"
-#include "platform/NtStatus.h"
+#include <tolv/log/Log.h>
+#include <tolv/platform/NtStatus.h>
 #include "platform/Utf.h"
 
 #include <cerrno>

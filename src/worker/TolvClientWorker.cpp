@@ -3,7 +3,7 @@
 #include "worker/StorageDrivesRegistry.h"
 
 #include "corvantabase/TolvProcessUtils.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/Utf.h"
 
 #include <limits>

@@ -3,8 +3,8 @@
 // peer's command streams, one drive request per message, and the process's
 // quit decision when the last command stream goes down.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibMsg.h>
+#include <tamsel/ipc/ipclibStream.h>
 #include "worker/StorageDrives.h"
 
 #include "corvantabase/PollExitFlag.h"

@@ -6,14 +6,14 @@
 #include "worker/StorageDrivesRegistry.h"
 #include "worker/TolvClientWorker.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
+#include <tamsel/ipc/ipclib.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibEndpointSweep.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
+#include <tamsel/ipc/ipclibListener.h>
 #include "corvantabase/CoreDump.h"
 #include "corvantabase/Poll.h"
 #include "corvantabase/Uuid.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/MallocTuning.h"
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "common/ChildProcess.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <dirent.h>
 #include <fcntl.h>

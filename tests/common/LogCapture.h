@@ -1,8 +1,8 @@
 #pragma once
 // Captures every log line written while it lives, at the level it is given.
 
-#include "log/Log.h"
-#include "log/LogSink.h"
+#include <tolv/log/Log.h>
+#include <tolv/log/LogSink.h>
 
 #include <algorithm>
 #include <mutex>

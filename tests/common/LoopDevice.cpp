@@ -1,6 +1,6 @@
 #include "common/LoopDevice.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "worker/MountTable.h"
 
 #include <fcntl.h>

@@ -4,7 +4,7 @@
 // the kernel detaches it even when the test process dies; mounts are made in
 // the test process's own mount namespace (see EnterPrivateMountNamespace).
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <memory>
 #include <string>

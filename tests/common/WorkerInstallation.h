@@ -7,7 +7,7 @@
 #include "common/LoopDevice.h"
 #include "common/TempDir.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

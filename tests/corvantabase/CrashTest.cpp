@@ -1,6 +1,6 @@
 #include "corvantabase/CoreDump.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <gtest/gtest.h>
 

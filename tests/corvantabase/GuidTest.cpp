@@ -1,6 +1,6 @@
 #include "corvantabase/Uuid.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

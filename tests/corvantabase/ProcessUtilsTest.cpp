@@ -1,7 +1,7 @@
 #include "corvantabase/TolvProcessUtils.h"
 
 #include "common/LogCapture.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <gtest/gtest.h>

@@ -1,10 +1,10 @@
 #include "common/TempDir.h"
 #include "log/DebugWriter.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LoggerManager.h"
 #include "log/StdErrWriter.h"
 #include "log/StdOutWriter.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "log/FileWriter.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "support/ProcessUtils.h"
 #include "log/LogTestSupport.h"
 

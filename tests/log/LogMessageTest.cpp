@@ -1,5 +1,5 @@
 #include "common/LogCapture.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LogMessageCache.h"
 #include "log/LogTestSupport.h"
 #include "log/PollLogWriter.h"

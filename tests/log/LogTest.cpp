@@ -1,8 +1,8 @@
 #include "common/LogCapture.h"
 
-#include "log/IpcTrace.h"
-#include "log/Log.h"
-#include "log/LogLevel.h"
+#include <tolv/log/IpcTrace.h>
+#include <tolv/log/Log.h>
+#include <tolv/log/LogLevel.h>
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
 

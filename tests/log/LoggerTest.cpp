@@ -1,7 +1,7 @@
 #include "common/LogCapture.h"
 #include "log/FunctionTrace.h"
-#include "log/IpcTrace.h"
-#include "log/Log.h"
+#include <tolv/log/IpcTrace.h>
+#include <tolv/log/Log.h>
 #include "log/LogTestSupport.h"
 
 #include "support/LxPollItem.h"

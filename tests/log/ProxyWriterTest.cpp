@@ -1,4 +1,4 @@
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LoggerManager.h"
 #include "log/ProxyWriter.h"
 #include "support/ProcessUtils.h"

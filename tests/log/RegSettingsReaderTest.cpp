@@ -1,5 +1,5 @@
 #include "common/SettingsStore.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LogTestSupport.h"
 #include "log/RegSettingsReader.h"
 #include "log/StdOutWriter.h"

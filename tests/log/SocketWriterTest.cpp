@@ -1,9 +1,9 @@
 #include "common/LogCapture.h"
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "log/LoggerManager.h"
 #include "log/ProxyWriter.h"
 #include "log/SocketWriter.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <gtest/gtest.h>
 

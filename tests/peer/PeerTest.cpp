@@ -10,7 +10,7 @@
 #include "peer/PeerCommandLine.h"
 
 #include "platform/LittleEndian.h"
-#include "platform/NtStatus.h"
+#include <tolv/platform/NtStatus.h>
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "platform/LittleEndian.h"
-#include "platform/NtStatus.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/NtStatus.h>
+#include <tolv/platform/UniqueFd.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -2,8 +2,8 @@
 // Helpers of the support-library tests: a log capture that can be waited on,
 // and a count of the process's threads and descriptors.
 
-#include "log/Log.h"
-#include "log/LogSink.h"
+#include <tolv/log/Log.h>
+#include <tolv/log/LogSink.h>
 
 #include <gtest/gtest.h>
 

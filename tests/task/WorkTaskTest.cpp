@@ -1,6 +1,6 @@
 #include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
-#include "task/WorkTask.h"
+#include <tamsel/task/WorkTask.h>
 
 #include "common/LogCapture.h"
 

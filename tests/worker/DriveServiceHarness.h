@@ -3,7 +3,7 @@
 // does, from an exactly sized heap copy (so the sanitizer sees any over-read),
 // and splits the reply into header and payload.
 
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrives.h"
 
 #include "platform/LittleEndian.h"

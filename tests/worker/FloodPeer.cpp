@@ -6,9 +6,9 @@
 //
 //   floodPeer ENDPOINT FILE FIFO COUNT
 
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
+#include <tamsel/ipc/ipclibClient.h>
 #include "corvantabase/Uuid.h"
 #include "platform/Utf.h"
 

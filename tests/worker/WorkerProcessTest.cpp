@@ -7,11 +7,11 @@
 #include "common/TempDir.h"
 #include "common/WorkerInstallation.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
+#include <tamsel/ipc/ipclib.h>
+#include <tamsel/ipc/ipclibClient.h>
+#include <tamsel/ipc/ipclibListener.h>
 #include "corvantabase/Uuid.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "support/ProcessUtils.h"
 
 #include <fcntl.h>

@@ -4,12 +4,13 @@
 //
 //   driveServiceDemo PATH        PATH is a file, or /dev/NAME for a block device
 
-#include "worker/DriveRequests.h"
+#include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrives.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
 #include "platform/LittleEndian.h"
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 #include "platform/Utf.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
+#include <tamsel/ipc/ipclib.h>
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"

@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
+#include <tamsel/ipc/ipclibBlock.h>
 
 #include "platform/LittleEndian.h"
 

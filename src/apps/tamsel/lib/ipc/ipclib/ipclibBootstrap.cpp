@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
+#include <tamsel/ipc/ipclibBootstrap.h>
 
 #include "platform/LittleEndian.h"
 

@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
+#include <tamsel/ipc/ipclibClient.h>
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"

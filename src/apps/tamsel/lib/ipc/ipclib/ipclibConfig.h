@@ -13,7 +13,7 @@
 // listener's registration state and the first load of the module; nothing is
 // called with it held except the module's own entry points.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -8,7 +8,7 @@
 // yet listening (which refuses connections too) and two sweeps never remove a
 // file the other just made.
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStreamCtrl.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 

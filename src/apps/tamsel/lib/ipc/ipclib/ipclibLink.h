@@ -8,11 +8,11 @@
 // (send, removeStream); the link never takes a stream's mutex while holding
 // its own lock. onLinkClosed and stopWorkers run after the lock is released.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibMsg.h>
+#include <tamsel/ipc/ipclibTypes.h>
 
-#include "task/TaskExecutor.h"
-#include "task/WorkTask.h"
+#include <tamsel/task/TaskExecutor.h>
+#include <tamsel/task/WorkTask.h>
 
 #include <atomic>
 #include <deque>

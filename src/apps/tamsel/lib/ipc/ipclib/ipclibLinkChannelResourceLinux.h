@@ -3,7 +3,7 @@
 // and the four events, in that order. A descriptor cannot be closed inside
 // another process, so releasing a set only closes our own copies.
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <array>
 #include <vector>

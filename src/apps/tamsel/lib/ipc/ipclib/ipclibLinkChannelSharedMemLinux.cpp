@@ -1,7 +1,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelSharedMemLinux.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>

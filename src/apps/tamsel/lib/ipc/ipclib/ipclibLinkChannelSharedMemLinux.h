@@ -10,7 +10,7 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <cstddef>
 #include <cstdint>

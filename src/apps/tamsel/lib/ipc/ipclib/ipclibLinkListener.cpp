@@ -1,6 +1,6 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
 namespace tamsel::ipc {

@@ -3,10 +3,10 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibEndpointSweep.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/SysCall.h"
 #include "platform/Utf.h"
 #include "platform/ScmRights.h"

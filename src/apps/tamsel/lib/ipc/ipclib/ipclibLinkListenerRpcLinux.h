@@ -16,10 +16,10 @@
 // has its own mutex. Neither is held while a call runs, and the registration
 // mutex (ipclibConfig) is never taken with either held.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
+#include <tamsel/ipc/ipclibBootstrap.h>
+#include <tamsel/ipc/ipclibLinkListener.h>
 
-#include "platform/UniqueFd.h"
+#include <tolv/platform/UniqueFd.h>
 
 #include <chrono>
 #include <condition_variable>

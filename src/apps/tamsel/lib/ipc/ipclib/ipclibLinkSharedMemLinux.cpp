@@ -1,11 +1,11 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStreamCtrl.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibTransfer.h>
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 #include "platform/LittleEndian.h"
 
 #include <exception>

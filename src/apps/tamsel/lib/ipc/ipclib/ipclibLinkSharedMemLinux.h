@@ -14,10 +14,10 @@
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
+#include <tamsel/ipc/ipclibRecvBufferPool.h>
 
-#include "platform/UniqueFd.h"
-#include "task/TaskContexts.h"
+#include <tolv/platform/UniqueFd.h>
+#include <tamsel/task/TaskContexts.h>
 
 #include <memory>
 #include <vector>

@@ -1,7 +1,7 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
+#include <tamsel/ipc/ipclibListener.h>
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListenerRpcLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
 namespace tamsel::ipc {

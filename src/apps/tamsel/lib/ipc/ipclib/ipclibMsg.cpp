@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include <tamsel/ipc/ipclibMsg.h>
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 

@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
+#include <tamsel/ipc/ipclibRecvBufferPool.h>
 
 #include <new>
 

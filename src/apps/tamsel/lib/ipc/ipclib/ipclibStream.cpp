@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"

@@ -1,7 +1,7 @@
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStreamCtrl.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibTrace.h"
 
 #include "platform/LittleEndian.h"

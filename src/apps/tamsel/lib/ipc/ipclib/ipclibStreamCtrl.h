@@ -4,7 +4,7 @@
 // each to the link listener; a refused open is answered with an "OpenAck"
 // that carries the status.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 
 namespace tamsel::ipc {
 

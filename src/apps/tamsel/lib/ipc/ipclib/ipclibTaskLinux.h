@@ -8,7 +8,7 @@
 // the executor itself if everyone let go, or leaves the end to whoever lets
 // go last (with no task left, that end has nothing to wait for).
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTask.h"
+#include <tamsel/ipc/ipclibTask.h>
 
 #include "task/LinuxThreadPoolExecutor.h"
 

@@ -3,7 +3,7 @@
 // through the logger of the calling class, with the operation's name.
 // Each source file names itself in kIpclibTraceFile before using the macro.
 
-#include "log/IpcTrace.h"
+#include <tolv/log/IpcTrace.h>
 
 #define KXIPC_TRACE(logger, ...) \
     ::IpcTrace(::IpcTraceLogger::logger, ::IpcTraceSite{kIpclibTraceFile, __LINE__, __func__}, __VA_ARGS__)

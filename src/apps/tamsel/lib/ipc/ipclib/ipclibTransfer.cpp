@@ -1,4 +1,4 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibTransfer.h>
 
 #include "platform/LittleEndian.h"
 

@@ -1,7 +1,7 @@
 #include "LoopbackLink.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibBlock.h>
+#include <tamsel/ipc/ipclibStream.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibStreamCtrl.h"
 
 #include "platform/LittleEndian.h"

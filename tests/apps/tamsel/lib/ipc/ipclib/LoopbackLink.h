@@ -6,7 +6,7 @@
 // hostile peer.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
 
 #include <atomic>
 #include <deque>

@@ -9,10 +9,11 @@
 
 #include "ShmHandOver.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
-#include "log/Log.h"
+#include <tamsel/ipc/ipclib.h>
+#include <tamsel/ipc/ipclibClient.h>
+#include <tamsel/ipc/ipclibStream.h>
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
 
 #include <unistd.h>
 

@@ -4,7 +4,7 @@
 // processes check.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 
 #include <sys/socket.h>
 

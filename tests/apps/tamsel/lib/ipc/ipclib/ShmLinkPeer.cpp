@@ -10,8 +10,9 @@
 #include "ShmHandOver.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
-#include "log/Log.h"
+#include <tamsel/ipc/ipclibStream.h>
+#include <tolv/log/Log.h>
+#include "log/LoggerManager.h"
 #include "task/LinuxThreadPoolExecutor.h"
 
 #include <sys/syscall.h>

@@ -1,7 +1,7 @@
 // The bootstrap datagrams: what a well-formed request turns into, and every
 // way a request can be malformed.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
+#include <tamsel/ipc/ipclibBootstrap.h>
 
 #include "platform/LittleEndian.h"
 

@@ -6,8 +6,8 @@
 #include "ShmHandOver.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibStream.h>
+#include <tamsel/ipc/ipclibTransfer.h>
 #include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
 

@@ -1,5 +1,5 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include <tamsel/ipc/ipclibBlock.h>
+#include <tamsel/ipc/ipclibMsg.h>
 
 #include "common/LogCapture.h"
 #include "platform/LittleEndian.h"

@@ -2,12 +2,12 @@
 // processes (rpcPeer) and hostile callers on raw sockets.
 
 #include "common/ProcessProbe.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclib.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibClient.h"
+#include <tamsel/ipc/ipclib.h>
+#include <tamsel/ipc/ipclibClient.h>
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLink.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListenerRpcLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "task/TaskTestSupport.h"
 
 #include "common/LogCapture.h"

@@ -5,7 +5,7 @@
 #include "LoopbackLink.h"
 #include "common/ProcessProbe.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
+#include <tamsel/ipc/ipclibStream.h>
 #include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
 

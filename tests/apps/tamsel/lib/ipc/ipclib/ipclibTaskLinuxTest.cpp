@@ -2,7 +2,7 @@
 
 #include "task/LinuxThreadPoolExecutor.h"
 #include "task/TaskTestSupport.h"
-#include "task/WorkTask.h"
+#include <tamsel/task/WorkTask.h>
 
 #include <gtest/gtest.h>
 

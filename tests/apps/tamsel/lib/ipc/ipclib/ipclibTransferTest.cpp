@@ -4,7 +4,7 @@
 
 #include "common/ProcessProbe.h"
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelSharedMemLinux.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/ipc/ipclibTransfer.h>
 
 #include "platform/LittleEndian.h"
 

@@ -1,5 +1,5 @@
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
-#include "apps/tamsel/lib/expected.h"
+#include <tamsel/ipc/ipclibTypes.h>
+#include <tamsel/expected.h>
 
 #include <gtest/gtest.h>
 

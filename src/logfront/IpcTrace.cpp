@@ -1,6 +1,6 @@
-#include "log/IpcTrace.h"
+#include <tolv/log/IpcTrace.h>
 
-#include "log/LogSink.h"
+#include <tolv/log/LogSink.h>
 
 const char* IpcTraceLoggerName(IpcTraceLogger logger)
 {

@@ -7,10 +7,10 @@
 // listeners, links or the task object; the handlers take it without holding
 // any link or stream lock.
 
-#include "apps/tamsel/lib/expected.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibListener.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTask.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/expected.h>
+#include <tamsel/ipc/ipclibListener.h>
+#include <tamsel/ipc/ipclibTask.h>
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <chrono>
 #include <condition_variable>

@@ -3,7 +3,7 @@
 // holds one more until the task is closed, so a task lives at least until it is
 // closed (explicitly, or by the executor's shutdown).
 
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskExecutor.h>
 
 #include <memory>
 

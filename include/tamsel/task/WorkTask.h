@@ -4,8 +4,8 @@
 // submission order. submitAndWait also waits for the call and rethrows what fn
 // threw.
 
-#include "task/TaskContexts.h"
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskContexts.h>
+#include <tamsel/task/TaskExecutor.h>
 
 #include <future>
 #include <memory>

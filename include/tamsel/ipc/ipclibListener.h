@@ -7,10 +7,10 @@
 // the connect function runs and before link listeners are started or stopped,
 // and it is never held when a stream's lock is taken.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkListener.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibLinkListener.h>
+#include <tamsel/ipc/ipclibTypes.h>
 
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskExecutor.h>
 
 #include <functional>
 #include <memory>

@@ -3,7 +3,7 @@
 // level 6 with fmt-style placeholders. When trace is off a call costs one
 // comparison and formats nothing.
 
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
 #include <fmt/format.h>
 

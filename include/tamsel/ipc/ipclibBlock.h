@@ -10,7 +10,7 @@
 // Flags: bits 16..31 are the message's own; 0x0001 marks the first block of a
 // message, 0x0002 the last; the other low bits are zero.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
+#include <tamsel/ipc/ipclibMsg.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -7,7 +7,7 @@
 // Threads: a message is filled by one thread at a time; sendComplete runs on
 // the transport's thread and calls out with no lock held.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <cstdint>
 #include <functional>

@@ -1,17 +1,12 @@
-#include "log/Log.h"
+#include <tolv/log/Log.h>
 
-#include "log/LogSink.h"
-#include "log/Logger.h"
-#include "log/LoggerManager.h"
-#include "log/LogWriter.h"
-#include "log/LoggingLock.h"
+#include <tolv/log/LogBackEnd.h>
+#include <tolv/log/LogSink.h>
 #include "platform/ErrnoText.h"
-#include "support/LxMutexLock.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 std::atomic<int32_t> CurrentLogLevel{LOG_LEVEL_ALWAYS};
@@ -21,7 +16,23 @@ namespace {
 // A log call made while another one runs (a writer that logs its own failure)
 // is dropped, not nested.
 std::atomic<int32_t> g_reentrancy{0};
-LogSink* g_sink = nullptr; // guarded by LoggingLock()
+LogSink* g_sink = nullptr;          // guarded by LoggingMutex()
+LogBackEnd* g_backEnd = nullptr;    // guarded by LoggingMutex()
+std::atomic<int32_t> g_frontEndLevel{LOG_LEVEL_ALWAYS};
+
+// Holds LoggingMutex(). A holder that died leaves it to the next taker, who
+// marks it usable again: what it guarded is at worst one torn log line.
+class FrontLock {
+public:
+    FrontLock()
+    {
+        if (pthread_mutex_lock(&LoggingMutex()) == EOWNERDEAD)
+            pthread_mutex_consistent(&LoggingMutex());
+    }
+    ~FrontLock() { pthread_mutex_unlock(&LoggingMutex()); }
+    FrontLock(const FrontLock&) = delete;
+    FrontLock& operator=(const FrontLock&) = delete;
+};
 
 std::string FormatV(const char* format, va_list args)
 {
@@ -42,18 +53,17 @@ std::string FormatV(const char* format, va_list args)
     return text;
 }
 
-// The default logger gets every call and applies its own gate; without one a
-// call does nothing. The sink (a test's capture) sees lines at or below
-// CurrentLogLevel beside the logger.
-template <typename ToLogger, typename MakeText>
-void Dispatch(const LogLine& base, ToLogger&& toLogger, MakeText&& makeText)
+// The back end gets every call and applies its own gate. The sink (a test's
+// capture) sees lines at or below CurrentLogLevel beside it.
+template <typename ToBackEnd, typename MakeText>
+void Dispatch(const LogLine& base, ToBackEnd&& toBackEnd, MakeText&& makeText)
 {
     const int savedErrno = errno;
     {
-        LxMutexLock guard(LoggingLock());
+        FrontLock guard;
         if (g_reentrancy.fetch_add(1) == 0) {
-            if (RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger())
-                toLogger(*logger);
+            if (g_backEnd)
+                toBackEnd(*g_backEnd);
             if (g_sink && base.level <= CurrentLogLevel.load()) {
                 std::string text = makeText();
                 if (!text.empty() && text.back() == '\n')
@@ -80,10 +90,10 @@ void DispatchWithError(int errorCode, const char* functionName, int32_t level, c
 {
     Dispatch(
         MakeLine(functionName, level),
-        [&](Logger& logger) {
+        [&](LogBackEnd& backEnd) {
             va_list copy;
             va_copy(copy, args);
-            logger.LogWithError(errorCode, functionName, level, format, copy);
+            backEnd.WriteWithError(errorCode, functionName, level, format, copy);
             va_end(copy);
         },
         [&] {
@@ -98,16 +108,45 @@ void DispatchWithError(int errorCode, const char* functionName, int32_t level, c
 
 } // namespace
 
+pthread_mutex_t& LoggingMutex()
+{
+    // Never destroyed: threads may log while statics are torn down.
+    static pthread_mutex_t* mutex = [] {
+        auto* made = new pthread_mutex_t;
+        pthread_mutexattr_t attr;
+        pthread_mutexattr_init(&attr);
+        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+        pthread_mutex_init(made, &attr);
+        pthread_mutexattr_destroy(&attr);
+        return made;
+    }();
+    return *mutex;
+}
+
+LogBackEnd* PlugLogBackEnd(LogBackEnd* backEnd)
+{
+    FrontLock guard;
+    LogBackEnd* previous = g_backEnd;
+    g_backEnd = backEnd;
+    return previous;
+}
+
+int32_t FrontEndLogLevel()
+{
+    return g_frontEndLevel.load();
+}
+
 void Log(const char* functionName, int32_t level, const char* format, ...)
 {
     va_list args;
     va_start(args, format);
     Dispatch(
         MakeLine(functionName, level),
-        [&](Logger& logger) {
+        [&](LogBackEnd& backEnd) {
             va_list copy;
             va_copy(copy, args);
-            logger.Log(functionName, level, format, copy);
+            backEnd.Write(functionName, level, format, copy);
             va_end(copy);
         },
         [&] { return FormatV(format, args); });
@@ -142,46 +181,23 @@ void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, co
 
 void SetCurrentLogLevel(int32_t level)
 {
-    LxMutexLock guard(LoggingLock());
-    RCPtr<Logger> logger = LoggerManager::PeekDefaultLogger();
-    if (logger && logger->IsStarted())
-        logger->SetLevel(level);
-    else
-        LoggerManager::SetFrontEndLevel(level);
+    FrontLock guard;
+    if (g_backEnd && g_backEnd->SetLevel(level))
+        return;
+    g_frontEndLevel.store(level);
+    CurrentLogLevel.store(level);
 }
 
 LogSink* SetLogSink(LogSink* sink)
 {
-    LxMutexLock guard(LoggingLock());
+    FrontLock guard;
     LogSink* previous = g_sink;
     g_sink = sink;
     return previous;
 }
 
-bool LogToStandardError(const char* appName, int32_t level)
-{
-    RCPtr<Logger> logger = LoggerManager::GetInstance()->CreateLogger(std::string(appName) + "StdErrLogger", appName, true);
-    if (!logger || !logger->GetWriter(LogWriter::kStdErrWriter))
-        return false;
-    logger->SetLevel(level);
-    if (!logger->Start())
-        return false;
-    // Lines still queued are written and the logging thread stops before the
-    // statics it uses go.
-    std::atexit([] { LoggerManager::GetInstance()->Shutdown(); });
-    return true;
-}
-
 void WriteLogLine(const LogLine& line)
 {
     Dispatch(
-        line,
-        [&](Logger& logger) {
-            // Named trace loggers write through the default logger's writers,
-            // their name in front of the function.
-            std::string function = line.loggerName ? std::string(line.loggerName) + " " : std::string();
-            function += line.functionName ? line.functionName : "";
-            logger.LogText(function.c_str(), line.level, line.text.data(), static_cast<int32_t>(line.text.size()));
-        },
-        [&] { return std::string(line.text); });
+        line, [&](LogBackEnd& backEnd) { backEnd.WriteLine(line); }, [&] { return std::string(line.text); });
 }

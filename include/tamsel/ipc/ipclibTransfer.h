@@ -7,8 +7,8 @@
 // The CRC is CRC-32 (IEEE, reflected, as gzip) over the first trxSize bytes
 // with the crc field taken as 0.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibBlock.h>
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <cstddef>
 #include <cstdint>

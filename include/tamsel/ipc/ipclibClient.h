@@ -13,13 +13,13 @@
 // The client keeps the write end of a pipe whose read end the server holds, so
 // the server learns of our end even when it may not watch our process.
 
-#include "apps/tamsel/lib/expected.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBootstrap.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibStream.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTransfer.h"
+#include <tamsel/expected.h>
+#include <tamsel/ipc/ipclibBootstrap.h>
+#include <tamsel/ipc/ipclibStream.h>
+#include <tamsel/ipc/ipclibTransfer.h>
 
-#include "platform/UniqueFd.h"
-#include "task/TaskExecutor.h"
+#include <tolv/platform/UniqueFd.h>
+#include <tamsel/task/TaskExecutor.h>
 
 #include <chrono>
 #include <condition_variable>

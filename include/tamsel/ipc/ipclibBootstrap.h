@@ -7,7 +7,7 @@
 // Parsing is a pure function over a private copy of the datagram: it checks
 // every length against what was actually received and never reads past it.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -3,9 +3,9 @@
 // streams that arrive on them to the library's listener. The transport's
 // listener (the local bootstrap) derives from it.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskExecutor.h>
 
 #include <functional>
 #include <memory>

@@ -13,15 +13,15 @@
 // mutex is taken without m_mutex. Task handles are closed by the destructor,
 // never under m_mutex, because their callbacks take m_mutex themselves.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibBlock.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibMsg.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibRecvBufferPool.h"
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
-#include "apps/tamsel/lib/expected.h"
+#include <tamsel/ipc/ipclibBlock.h>
+#include <tamsel/ipc/ipclibMsg.h>
+#include <tamsel/ipc/ipclibRecvBufferPool.h>
+#include <tamsel/ipc/ipclibTypes.h>
+#include <tamsel/expected.h>
 
-#include "task/TaskContexts.h"
-#include "task/TaskExecutor.h"
-#include "task/WorkTask.h"
+#include <tamsel/task/TaskContexts.h>
+#include <tamsel/task/TaskExecutor.h>
+#include <tamsel/task/WorkTask.h>
 
 #include <atomic>
 #include <chrono>

@@ -4,13 +4,14 @@
 // are never evaluated; the LOG_* macros below do exactly that. The entry points
 // leave errno as they found it, so a caller may log before it maps errno.
 
-#include "log/LogLevel.h"
+#include <tolv/log/LogLevel.h>
 
 #include <atomic>
 #include <cstdint>
 
-// Copy of the default logger's level while it is started; otherwise the
-// front-end level (0 unless SetCurrentLogLevel set it), which only a sink sees.
+// The level of the plugged-in back end's started logger, kept in step by it;
+// otherwise the front-end level (0 unless SetCurrentLogLevel set it), which
+// only a sink sees.
 extern std::atomic<int32_t> CurrentLogLevel;
 
 void Log(const char* functionName, int32_t level, const char* format, ...)
@@ -25,15 +26,10 @@ void LogWithSocketError(const char* functionName, int32_t level, const char* for
 void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// Sets the started default logger's level, or else the front-end level that a
-// sink observes; CurrentLogLevel follows. Without a default logger the entry
-// points write nothing anywhere.
+// Sets the back end's started logger's level, or else the front-end level
+// that a sink observes; CurrentLogLevel follows. Without a back end (see
+// LogBackEnd.h) the entry points write to the sink only.
 void SetCurrentLogLevel(int32_t level);
-
-// For tools: makes and starts a default logger for `appName` whose one writer
-// is standard error, at `level`; it is shut down at exit. False when a logger
-// of that name exists or it cannot start.
-bool LogToStandardError(const char* appName, int32_t level);
 
 #define LOG_AT(level, functionName, ...)                      \
     do {                                                      \

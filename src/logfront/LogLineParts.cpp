@@ -1,6 +1,6 @@
-#include "log/LogSink.h"
+#include <tolv/log/LogSink.h>
 
-#include "log/LogLevel.h"
+#include <tolv/log/LogLevel.h>
 
 #include <sys/syscall.h>
 #include <sys/time.h>

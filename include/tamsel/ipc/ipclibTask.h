@@ -2,9 +2,9 @@
 // The IPC library's task holder: owns the executor that every listener and
 // link of one library object runs its tasks on.
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibTypes.h"
+#include <tamsel/ipc/ipclibTypes.h>
 
-#include "task/TaskExecutor.h"
+#include <tamsel/task/TaskExecutor.h>
 
 #include <memory>
 #include <mutex>

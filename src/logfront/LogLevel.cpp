@@ -1,4 +1,4 @@
-#include "log/LogLevel.h"
+#include <tolv/log/LogLevel.h>
 
 #include <strings.h>
 
