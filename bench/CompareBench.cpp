@@ -53,6 +53,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::worker;
+
 extern char** environ;
 
 namespace {

@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 namespace {
 
 constexpr uint32_t kChunk = 1u << 20;

@@ -30,6 +30,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;

@@ -36,6 +36,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 using platform::LoadLe;
 
 namespace {

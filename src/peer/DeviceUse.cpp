@@ -7,6 +7,8 @@
 
 #include <memory>
 
+using namespace tolv::worker;
+
 std::vector<std::string> MountPointsOf(dev_t device)
 {
     std::vector<std::string> points;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+using namespace tolv::worker;
+
 namespace {
 
 inline void CpuRelax()

@@ -42,7 +42,7 @@ private:
 // A reply's payload is not copied out of the message that carried it: the
 // reply keeps that message alive instead.
 struct DriveReply {
-    DR_RSP_HEADER header;
+    tolv::worker::DR_RSP_HEADER header;
     ByteView payload;
     std::shared_ptr<const void> storage;
 };

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <deque>
 
+using namespace tolv::worker;
+
 DriveSession::DriveSession(DriveClient& client, std::chrono::milliseconds timeout, uint32_t chunk)
     : m_client(client), m_timeout(timeout), m_chunk(std::clamp<uint32_t>(chunk, 1, kChunk))
 {

@@ -26,7 +26,7 @@ public:
     // `chunk`: drive bytes per request of the range operations, at most kChunk.
     DriveSession(DriveClient& client, std::chrono::milliseconds timeout, uint32_t chunk = kChunk);
 
-    bool Query(uint8_t letter, const std::u16string& path, DR_QUERY_DISK_RSP& info, std::string& error);
+    bool Query(uint8_t letter, const std::u16string& path, tolv::worker::DR_QUERY_DISK_RSP& info, std::string& error);
     // `data` gets the bytes read, fewer than `length` where the drive ends. A
     // read longer than one request is sent as several, in flight together.
     bool Read(uint8_t letter, uint64_t offset, uint32_t length, std::vector<uint8_t>& data, std::string& error);

@@ -16,6 +16,8 @@
 #include <cstring>
 #include <filesystem>
 
+using namespace tolv::worker;
+
 namespace {
 
 constexpr const char kDevicePrefix[] = "\\\\.\\";

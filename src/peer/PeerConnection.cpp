@@ -21,6 +21,8 @@
 #include <cstring>
 #include <algorithm>
 
+using namespace tolv::worker;
+
 extern char** environ;
 
 using namespace tamsel::ipc;

@@ -19,6 +19,8 @@
 #include <chrono>
 #include <cstring>
 
+using namespace tolv::worker;
+
 using Clock = std::chrono::steady_clock;
 
 namespace {

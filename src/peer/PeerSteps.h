@@ -37,7 +37,7 @@ private:
         bool heldExclusively = true;              // the worker's volume lock, as far as we can see
     };
 
-    int Query(const PeerStep& step, DR_QUERY_DISK_RSP* out);
+    int Query(const PeerStep& step, tolv::worker::DR_QUERY_DISK_RSP* out);
     int Read(const PeerStep& step);
     int Write(const PeerStep& step);
     int Release(uint8_t letter);

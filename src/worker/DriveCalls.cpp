@@ -4,6 +4,8 @@
 
 #include <atomic>
 
+namespace tolv::worker {
+
 namespace {
 std::atomic<const DriveCallTable*> g_table{nullptr};
 } // namespace
@@ -53,3 +55,5 @@ std::optional<std::string> DrivePathToLinux(std::u16string_view path)
     }
     return "/dev/" + name;
 }
+
+} // namespace tolv::worker

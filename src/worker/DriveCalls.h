@@ -9,6 +9,8 @@
 #include <string_view>
 #include <optional>
 
+namespace tolv::worker {
+
 // Control codes the drive service sends; the numbers are the system's own.
 inline constexpr uint32_t IOCTL_DISK_GET_DRIVE_GEOMETRY = 0x00070000;
 inline constexpr uint32_t IOCTL_DISK_IS_WRITABLE = 0x00070024;
@@ -60,3 +62,5 @@ const DriveCallTable& LinuxDriveCalls();
 std::optional<std::string> DrivePathToLinux(std::u16string_view path);
 // True when the path is in the device namespace ("\\." first).
 bool IsDevicePath(std::u16string_view path);
+
+} // namespace tolv::worker

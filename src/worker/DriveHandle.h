@@ -12,6 +12,8 @@
 
 #include <cstdint>
 
+namespace tolv::worker {
+
 class DriveHandle {
 public:
     DriveHandle(int handle, const DriveCallTable& calls) noexcept : m_handle(handle), m_calls(&calls) {}
@@ -34,3 +36,5 @@ private:
     int m_handle;
     const DriveCallTable* m_calls;
 };
+
+} // namespace tolv::worker

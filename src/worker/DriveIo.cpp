@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdint>
 
+namespace tolv::worker {
+
 using namespace platform;
 
 namespace {
@@ -95,3 +97,5 @@ bool QueryEndOfFile(int fd, uint64_t& size)
     size = static_cast<uint64_t>(st.st_size);
     return true;
 }
+
+} // namespace tolv::worker

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+namespace tolv::worker {
+
 struct IoStatusBlock {
     platform::NTSTATUS status = 0;
     uint64_t information = 0;
@@ -21,3 +23,5 @@ IoStatusBlock WriteAt(int fd, const uint8_t* data, uint32_t length, uint64_t off
 // The end-of-file position of a file, or the size of a block device reached
 // through a plain path. False with errno set on failure.
 bool QueryEndOfFile(int fd, uint64_t& size);
+
+} // namespace tolv::worker

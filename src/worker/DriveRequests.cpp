@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+namespace tolv::worker {
+
 using platform::LeReader;
 using platform::StoreLe;
 
@@ -152,3 +154,5 @@ bool DecodeQueryDiskResponse(const uint8_t* payload, size_t size, DR_QUERY_DISK_
     out = rsp;
     return true;
 }
+
+} // namespace tolv::worker

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <string>
 
+namespace tolv::worker {
+
 namespace {
 
 constexpr const char* kLoggerName = "tolvClientWorkerDefaultLogger";
@@ -48,3 +50,5 @@ EnvSetup::~EnvSetup()
     Poll_Exit();
     LoggerManager::GetInstance()->Shutdown();
 }
+
+} // namespace tolv::worker

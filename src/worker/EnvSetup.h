@@ -1,4 +1,7 @@
 #pragma once
+
+namespace tolv::worker {
+
 // Brings up what the worker needs before anything else, and takes it down on
 // every exit path: the logger (file writer in the private temporary folder,
 // settings from the worker's settings key) and the poll module.
@@ -15,3 +18,5 @@ public:
     // started; nothing is logged then.
     bool Init();
 };
+
+} // namespace tolv::worker

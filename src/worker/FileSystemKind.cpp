@@ -5,6 +5,8 @@
 
 #include <sys/vfs.h>
 
+namespace tolv::worker {
+
 namespace {
 
 struct KnownFileSystem {
@@ -91,3 +93,5 @@ bool FileSystemOf(int fd, FileSystemKind& kind, uint64_t& magic)
     kind = ClassifyFileSystem(magic);
     return true;
 }
+
+} // namespace tolv::worker

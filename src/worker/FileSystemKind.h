@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+namespace tolv::worker {
+
 struct FileSystemKind {
     const char* name;  // "ext4", "proc", ... or "unknown"
     bool holdsStorage;
@@ -18,3 +20,5 @@ FileSystemKind ClassifyFileSystem(uint64_t magic);
 // Classifies the file system of an open descriptor (fstatfs). False with errno
 // set when the descriptor cannot be asked.
 bool FileSystemOf(int fd, FileSystemKind& kind, uint64_t& magic);
+
+} // namespace tolv::worker

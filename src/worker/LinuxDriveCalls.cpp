@@ -27,6 +27,8 @@
 #include <mutex>
 #include <string>
 
+namespace tolv::worker {
+
 using platform::RetryOnEintr;
 using platform::UniqueFd;
 
@@ -320,3 +322,5 @@ const DriveCallTable& LinuxDriveCalls()
     static const DriveCallTable table{&LinuxCreateFile, &LinuxDeviceIoControl, &LinuxCloseHandle};
     return table;
 }
+
+} // namespace tolv::worker

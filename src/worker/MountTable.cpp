@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace tolv::worker {
+
 namespace {
 
 // mountinfo escapes blank, tab, newline and backslash as \ooo.
@@ -77,3 +79,5 @@ std::vector<MountEntry> MountsOfDevice(dev_t device)
     text << file.rdbuf();
     return ParseMountsOfDevice(text.str(), device);
 }
+
+} // namespace tolv::worker

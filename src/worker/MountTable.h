@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace tolv::worker {
+
 struct MountEntry {
     uint64_t mountId = 0;
     std::string point;
@@ -19,3 +21,5 @@ std::vector<MountEntry> MountsOfDevice(dev_t device);
 
 // Same, from the text of a mountinfo file.
 std::vector<MountEntry> ParseMountsOfDevice(std::string_view mountinfo, dev_t device);
+
+} // namespace tolv::worker

@@ -9,6 +9,8 @@
 #include <new>
 #include <vector>
 
+namespace tolv::worker {
+
 using namespace platform;
 
 StorageDrives::~StorageDrives()
@@ -176,3 +178,5 @@ void StorageDrives::Cleanup()
         drive.handle.reset();  // closes, unless a transfer still holds it
     }
 }
+
+} // namespace tolv::worker

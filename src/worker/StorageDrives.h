@@ -17,6 +17,8 @@
 #include <memory>
 #include <mutex>
 
+namespace tolv::worker {
+
 class StorageDrives final : public StorageDrivesInterface {
 public:
     // Where reply blocks come from: malloc unless replaced. The replacement
@@ -73,3 +75,5 @@ private:
     std::mutex m_mutex;
     std::map<uint8_t, LocalDrive> m_drives;  // guarded by m_mutex
 };
+
+} // namespace tolv::worker

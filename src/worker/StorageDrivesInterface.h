@@ -1,6 +1,8 @@
 #pragma once
 #include <cstdint>
 
+namespace tolv::worker {
+
 // The drive service of one connected peer: one request record in, one reply
 // record (or none) out.
 class StorageDrivesInterface {
@@ -17,3 +19,5 @@ public:
     // Releases a block from HandleRequest; null is harmless.
     virtual void FreeResponse(void* buffer) = 0;
 };
+
+} // namespace tolv::worker

@@ -8,6 +8,8 @@
 #include "platform/LittleEndian.h"
 #include <tolv/platform/NtStatus.h>
 
+namespace tolv::worker {
+
 using namespace platform;
 
 bool StorageDrives::Read(const DR_REQ_HEADER& header, const DR_READ_REQ& request, DR_RSP_HEADER& reply,
@@ -90,3 +92,5 @@ bool StorageDrives::Write(const DR_REQ_HEADER& header, const DR_WRITE_REQ& reque
     reply.payloadLength = 0;
     return true;
 }
+
+} // namespace tolv::worker

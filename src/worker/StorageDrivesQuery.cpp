@@ -12,6 +12,8 @@
 #include <cstring>
 #include <utility>
 
+namespace tolv::worker {
+
 using namespace platform;
 
 namespace {
@@ -169,3 +171,5 @@ void StorageDrives::ReleaseDrive(const DR_REQ_HEADER& header)
     if (!handle->Control(FSCTL_UNLOCK_VOLUME))
         LOG_WARN("StorageDrives::ReleaseDrive()", "Failed to unlock the volume (err: %d)", errno);
 }
+
+} // namespace tolv::worker

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+namespace tolv::worker {
+
 StorageDrivesRegistry& StorageDrivesRegistry::Instance()
 {
     static StorageDrivesRegistry registry;
@@ -60,3 +62,5 @@ std::shared_ptr<StorageDrives> StorageDrivesRegistry::Find(uint32_t pid)
     auto it = m_services.find(pid);
     return it == m_services.end() ? nullptr : it->second;
 }
+
+} // namespace tolv::worker

@@ -15,6 +15,8 @@
 #include <memory>
 #include <mutex>
 
+namespace tolv::worker {
+
 class StorageDrivesRegistry {
 public:
     static StorageDrivesRegistry& Instance();
@@ -36,3 +38,5 @@ private:
     std::mutex m_mutex;
     std::map<uint32_t, std::shared_ptr<StorageDrives>> m_services;  // guarded by m_mutex
 };
+
+} // namespace tolv::worker

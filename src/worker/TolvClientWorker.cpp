@@ -9,6 +9,7 @@
 #include <limits>
 #include <new>
 
+namespace tolv::worker {
 
 using tamsel::ipc::KxIpclibMsg;
 using tamsel::ipc::KxIpclibStream;
@@ -187,3 +188,5 @@ void TolvClientWorkerOnCommand(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg
     if (!sent)
         drives->FreeResponse(releaseBlock);
 }
+
+} // namespace tolv::worker

@@ -15,6 +15,8 @@
 #include <mutex>
 #include <string>
 
+namespace tolv::worker {
+
 // Accepted command streams; changed only by atomic increment and decrement.
 extern std::atomic<int32_t> connectionCount;
 // The poll loop's exit flag; only ever raised.
@@ -34,3 +36,5 @@ std::u16string TolvExpectedPeerPath(const std::u16string& ownPath);
 void TolvClientWorkerOnConnect(std::shared_ptr<tamsel::ipc::KxIpclibStream> stream);
 void TolvClientWorkerOnCommand(KxIpcStatusCode status, std::shared_ptr<tamsel::ipc::KxIpclibMsg> msg,
                                const std::shared_ptr<StorageDrives>& drives);
+
+} // namespace tolv::worker

@@ -20,6 +20,8 @@
 #include <string>
 #include <memory>
 
+using namespace tolv::worker;
+
 #ifndef TOLV_VERSION_TEXT
 #define TOLV_VERSION_TEXT "0.0.0"
 #endif

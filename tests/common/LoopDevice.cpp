@@ -16,6 +16,8 @@
 
 #include <cerrno>
 
+using namespace tolv::worker;
+
 extern char** environ;
 
 int RunCommand(const std::vector<std::string>& argv, std::string* output)

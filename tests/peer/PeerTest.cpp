@@ -21,6 +21,8 @@
 #include <unistd.h>
 #include <thread>
 
+using namespace tolv::worker;
+
 namespace {
 
 std::optional<PeerOptions> Parse(std::vector<std::string> args)

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
+using namespace tolv::worker;
+
 TEST(DrivePath, DeviceNamespaceMapsUnderDev)
 {
     EXPECT_EQ(DrivePathToLinux(u"\\\\.\\loop3"), "/dev/loop3");

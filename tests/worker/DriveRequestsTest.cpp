@@ -4,6 +4,8 @@
 
 #include <vector>
 
+using namespace tolv::worker;
+
 namespace {
 std::vector<uint8_t> Bytes(std::initializer_list<int> list)
 {

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 struct ServiceReply {
     bool result = false;
     bool present = false;

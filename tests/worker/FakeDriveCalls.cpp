@@ -11,6 +11,8 @@
 #include <climits>
 #include <cstring>
 
+using namespace tolv::worker;
+
 namespace {
 FakeDriveCalls* g_fake = nullptr;
 

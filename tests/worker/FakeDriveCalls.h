@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 class FakeDriveCalls {
 public:
     FakeDriveCalls();   // puts itself in force

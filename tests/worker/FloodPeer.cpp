@@ -21,6 +21,8 @@
 #include <mutex>
 #include <vector>
 
+using namespace tolv::worker;
+
 using namespace tamsel::ipc;
 
 int main(int argc, char** argv)

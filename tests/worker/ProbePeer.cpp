@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 namespace {
 
 std::vector<std::string> Split(const std::string& text, size_t parts)

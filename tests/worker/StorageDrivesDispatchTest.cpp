@@ -11,6 +11,8 @@
 
 #include <cerrno>
 
+using namespace tolv::worker;
+
 using testing::ElementsAre;
 
 namespace {

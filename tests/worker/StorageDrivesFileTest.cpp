@@ -18,6 +18,8 @@
 #include <iterator>
 #include <thread>
 
+using namespace tolv::worker;
+
 namespace {
 
 constexpr size_t kFileSize = 3 * 65536 + 1000;  // not a multiple of any block size

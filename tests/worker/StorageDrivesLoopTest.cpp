@@ -19,6 +19,8 @@
 
 #include <cerrno>
 
+using namespace tolv::worker;
+
 namespace {
 
 constexpr size_t kImageSize = 16u << 20;

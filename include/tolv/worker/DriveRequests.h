@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace tolv::worker {
+
 inline constexpr uint32_t DR_MSG_QUERY_DISK = 0x12;
 inline constexpr uint32_t DR_MSG_RELEASE_DISK = 0x13;
 inline constexpr uint32_t DR_MSG_READ = 0x26;
@@ -90,3 +92,5 @@ std::vector<uint8_t> EncodeWriteRequest(uint64_t ioContext, uint32_t drive, uint
                                         const uint8_t* data, uint32_t length);
 bool DecodeResponseHeader(const uint8_t* record, size_t size, DR_RSP_HEADER& out);
 bool DecodeQueryDiskResponse(const uint8_t* payload, size_t size, DR_QUERY_DISK_RSP& out);
+
+} // namespace tolv::worker

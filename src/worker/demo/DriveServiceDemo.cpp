@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::worker;
+
 namespace {
 
 constexpr uint32_t kDrive = 'E';
