@@ -241,17 +241,17 @@ void FillRandom(uint8_t* out, size_t count, uint64_t& state)
 
 bool WriteAt(int fd, const uint8_t* data, size_t size, uint64_t offset)
 {
-    return platform::WriteWholeAt(fd, data, size, offset);
+    return tolv::platform::WriteWholeAt(fd, data, size, offset);
 }
 
 bool ReadAt(int fd, uint8_t* data, size_t size, uint64_t offset)
 {
-    return platform::ReadWholeAt(fd, data, size, offset);
+    return tolv::platform::ReadWholeAt(fd, data, size, offset);
 }
 
 bool MakeDenseFile(const std::string& path, uint64_t size)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd)
         return false;
     std::vector<uint8_t> chunk(kChunk);
@@ -269,7 +269,7 @@ bool MakeDenseFile(const std::string& path, uint64_t size)
 // at two 4 KiB-aligned offsets that do not fall on a 1 MiB boundary.
 bool MakeSparseFile(const std::string& path, uint64_t size)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd || ftruncate(fd.get(), static_cast<off_t>(size)) != 0)
         return false;
     const uint64_t pieces[] = {0, (size / 3) / kSmall * kSmall + 3 * kSmall, (size * 2 / 3) / kSmall * kSmall + kSmall,
@@ -287,7 +287,7 @@ bool MakeSparseFile(const std::string& path, uint64_t size)
 // Reads the whole file (into the page cache) and gives its CRC-32.
 bool WarmAndCrc(const std::string& path, uint64_t size, uint32_t& crc)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd)
         return false;
     std::vector<uint8_t> chunk(kChunk);
@@ -303,7 +303,7 @@ bool WarmAndCrc(const std::string& path, uint64_t size, uint32_t& crc)
 
 bool SameBytes(const std::string& a, const std::string& b)
 {
-    platform::UniqueFd fa(::open(a.c_str(), O_RDONLY | O_CLOEXEC)), fb(::open(b.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fa(::open(a.c_str(), O_RDONLY | O_CLOEXEC)), fb(::open(b.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat sa {}, sb {};
     if (!fa || !fb || fstat(fa.get(), &sa) != 0 || fstat(fb.get(), &sb) != 0 || sa.st_size != sb.st_size)
         return false;
@@ -665,7 +665,7 @@ void Progress(const char* what)
 
 int main(int argc, char** argv)
 {
-    platform::KeepLargeBlocksInTheHeap();
+    tolv::platform::KeepLargeBlocksInTheHeap();
     Options options;
     if (!ParseOptions(argc, argv, options)) {
         std::fputs(kUsage, stderr);
@@ -746,7 +746,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "cannot make the test files in %s\n", g_scratchDir);
         return 1;
     }
-    platform::UniqueFd dataFd(::open(data.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd dataFd(::open(data.c_str(), O_RDONLY | O_CLOEXEC));
 
     NbdServer server;
 #ifdef COMPARE_WITH_LIBNBD
@@ -777,7 +777,7 @@ int main(int argc, char** argv)
     TrackChild(connection->workerPid());
     DriveSession session(connection->client(), std::chrono::seconds(60));
     DR_QUERY_DISK_RSP info;
-    if (!session.Query(kLetter, *platform::Utf8ToUtf16(data), info, error)) {
+    if (!session.Query(kLetter, *tolv::platform::Utf8ToUtf16(data), info, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
@@ -906,7 +906,7 @@ int main(int argc, char** argv)
 
     // Whole copies, each output checked against its source, then removed and
     // its filesystem synced so no writeback of one run lands in the next.
-    platform::UniqueFd scratchDir(::open(g_scratchDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    tolv::platform::UniqueFd scratchDir(::open(g_scratchDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     int mismatches = 0;
     auto copy = [&](const std::vector<std::string>& args, const std::string& source, std::vector<double>& times,
                     std::vector<double>* allocated) {

@@ -37,7 +37,7 @@ double Seconds(std::chrono::steady_clock::time_point start)
 
 bool MakeFile(const std::string& path, uint64_t size)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd)
         return false;
     std::vector<uint8_t> chunk(kChunk);
@@ -108,7 +108,7 @@ int main(int argc, char** argv)
     std::string drivePath = path.rfind("/dev/", 0) == 0 ? "\\\\.\\" + path.substr(5) : path;
 
     StorageDrives drives;
-    const auto query = EncodeQueryDiskRequest(1, 'E', 1, *platform::Utf8ToUtf16(drivePath));
+    const auto query = EncodeQueryDiskRequest(1, 'E', 1, *tolv::platform::Utf8ToUtf16(drivePath));
     uint8_t* response = nullptr;
     uint32_t responseSize = 0;
     void* context = nullptr;
@@ -123,7 +123,7 @@ int main(int argc, char** argv)
         return 1;
     }
     const uint64_t size = info.diskSize / kChunk * kChunk;
-    platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::vector<uint8_t> buffer(kChunk);
     PreadPass(fd.get(), size, buffer);  // warm the cache
 

@@ -145,13 +145,13 @@ Floor RunFloor(const char* self)
 {
     int pair[2];
     ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair);
-    platform::UniqueFd ours(pair[0]), theirs(pair[1]);
-    platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
+    tolv::platform::UniqueFd ours(pair[0]), theirs(pair[1]);
+    tolv::platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
     const pid_t peer = SpawnPeer(self, "floor", inherited.get());
     inherited.reset();
-    platform::UniqueFd section(::memfd_create("floor", MFD_CLOEXEC));
+    tolv::platform::UniqueFd section(::memfd_create("floor", MFD_CLOEXEC));
     ::ftruncate(section.get(), kBig);
-    platform::UniqueFd ready(::eventfd(0, EFD_CLOEXEC)), freed(::eventfd(0, EFD_CLOEXEC));
+    tolv::platform::UniqueFd ready(::eventfd(0, EFD_CLOEXEC)), freed(::eventfd(0, EFD_CLOEXEC));
     int fds[3] = {section.get(), ready.get(), freed.get()};
     char control[CMSG_SPACE(sizeof fds)] = {};
     char byte = 0;
@@ -203,7 +203,7 @@ int LinkPeer(int socket)
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(
         _GUID{}, 0, u"bench", 0, nullptr, nullptr, header.sectionSize,
-        platform::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, ::getppid(), 0))), platform::UniqueFd());
+        tolv::platform::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, ::getppid(), 0))), tolv::platform::UniqueFd());
     int error = 0;
     unsigned int out = 0;
     if (link->attach(std::move(creatorRecv), std::move(creatorSend), error) != 0 || link->connecting() != 0 ||
@@ -262,8 +262,8 @@ LinkResult RunLink(const char* self)
 {
     int pair[2];
     ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair);
-    platform::UniqueFd ours(pair[0]), theirs(pair[1]);
-    platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
+    tolv::platform::UniqueFd ours(pair[0]), theirs(pair[1]);
+    tolv::platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
     const pid_t peer = SpawnPeer(self, "link", inherited.get());
     inherited.reset();
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
@@ -311,7 +311,7 @@ LinkResult RunLink(const char* self)
         nullptr, nullptr);
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(
         _GUID{}, 0, u"bench", static_cast<uint32_t>(peer), nullptr, listener, kSection,
-        platform::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0))), platform::UniqueFd());
+        tolv::platform::UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0))), tolv::platform::UniqueFd());
     int error = 0;
     unsigned int out = 0;
     KxIpclibLinkChannelResourceLinux send, recv;

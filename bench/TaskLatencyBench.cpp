@@ -65,7 +65,7 @@ int main(int argc, char** argv)
     LogToStandardError("taskLatencyBench", LOG_LEVEL_ERROR);
     const size_t samples = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 20000;
     auto executor = LinuxThreadPoolExecutor::create();
-    platform::UniqueFd ack(::eventfd(0, EFD_CLOEXEC));
+    tolv::platform::UniqueFd ack(::eventfd(0, EFD_CLOEXEC));
     std::atomic<Clock::time_point::rep> sentAt{0};
     std::vector<double> work, wait, floor;
     work.reserve(samples);
@@ -87,7 +87,7 @@ int main(int argc, char** argv)
     }
 
     // Wait: eventfd signal to wait callback.
-    platform::UniqueFd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    tolv::platform::UniqueFd event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     auto waitTask = executor->createWaitTask(event.get(), [&] {
         const auto now = Clock::now();
         Take(event.get());
@@ -104,7 +104,7 @@ int main(int argc, char** argv)
     executor->closeWaitTask(waitTask);
 
     // Floor: two threads and two eventfds, nothing else.
-    platform::UniqueFd ping(::eventfd(0, EFD_CLOEXEC));
+    tolv::platform::UniqueFd ping(::eventfd(0, EFD_CLOEXEC));
     std::thread partner([&] {
         for (size_t i = 0; i < samples; ++i) {
             Take(ping.get());

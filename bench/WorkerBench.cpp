@@ -58,7 +58,7 @@ double Micros(Clock::duration d)
 
 bool MakeFile(const std::string& path, uint64_t size)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd)
         return false;
     std::vector<uint8_t> chunk(kChunk);
@@ -82,7 +82,7 @@ void Row(const char* what, double worker, double pread, const char* unit)
 
 int main(int argc, char** argv)
 {
-    platform::KeepLargeBlocksInTheHeap();
+    tolv::platform::KeepLargeBlocksInTheHeap();
     std::string path = argc > 1 ? argv[1] : "";
     const uint64_t mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 256;
     const size_t randomReads = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 20000;
@@ -101,7 +101,7 @@ int main(int argc, char** argv)
         }
     }
 
-    platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0 || st.st_size < static_cast<off_t>(kChunk)) {
         std::fprintf(stderr, "cannot read %s (it must hold at least 1 MiB)\n", path.c_str());
@@ -121,7 +121,7 @@ int main(int argc, char** argv)
     }
     DriveSession session(connection->client(), std::chrono::seconds(60));
     DR_QUERY_DISK_RSP info;
-    if (!session.Query('B', *platform::Utf8ToUtf16(path), info, error)) {
+    if (!session.Query('B', *tolv::platform::Utf8ToUtf16(path), info, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }

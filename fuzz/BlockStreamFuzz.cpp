@@ -486,7 +486,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CompleteSends(run);
 
     for (int pass = 0; size >= 2; ++pass) {
-        size_t length = platform::LoadLe<uint16_t>(data);
+        size_t length = tolv::platform::LoadLe<uint16_t>(data);
         data += 2;
         size -= 2;
         length = length == 0xFFFF ? size : std::min(length, size);

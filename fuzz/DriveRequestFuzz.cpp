@@ -38,7 +38,7 @@
 
 using namespace tolv::worker;
 
-using platform::LoadLe;
+using tolv::platform::LoadLe;
 
 namespace {
 

@@ -27,11 +27,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::memcpy(section.data(), data, std::min<size_t>(size, sectionSize));
     uint64_t recvSeqNo = 0;
     if (fixUp) {
-        recvSeqNo = platform::LoadLe<uint64_t>(section.data() + 8) - 1;
-        const uint32_t trxSize = platform::LoadLe<uint32_t>(section.data() + 20);
+        recvSeqNo = tolv::platform::LoadLe<uint64_t>(section.data() + 8) - 1;
+        const uint32_t trxSize = tolv::platform::LoadLe<uint32_t>(section.data() + 20);
         if (trxSize >= KxIpclibTransferHeaderSize && trxSize <= sectionSize) {
-            platform::StoreLe<uint32_t>(section.data() + 4, 0);
-            platform::StoreLe<uint32_t>(section.data() + 4, kxCrc32(section.data(), trxSize));
+            tolv::platform::StoreLe<uint32_t>(section.data() + 4, 0);
+            tolv::platform::StoreLe<uint32_t>(section.data() + 4, kxCrc32(section.data(), trxSize));
         }
     }
     std::vector<uint8_t> buffer(sectionSize);

@@ -43,7 +43,7 @@ char* File_GetSafeTmpDir(bool /*useConf*/)
     }
     // Check what the name holds now through a descriptor that cannot follow a
     // symlink, so the checks and the answer are about the same object.
-    platform::UniqueFd dir(platform::RetryOnEintr(
+    tolv::platform::UniqueFd dir(tolv::platform::RetryOnEintr(
         [&] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
     if (!dir) {
         LOG_ERRNO_AT(LOG_LEVEL_ERROR, kFunction, "%s is not a directory of its own.", path.c_str());

@@ -54,7 +54,7 @@ ReadResult ReadLinkGrowing(const char* functionName, const char* link, const cha
 
 std::u16string ToUtf16(const char* functionName, const std::string& path)
 {
-    std::optional<std::u16string> wide = platform::Utf8ToUtf16(path);
+    std::optional<std::u16string> wide = tolv::platform::Utf8ToUtf16(path);
     if (!wide) {
         LOG_ERROR(functionName, "The path is not valid UTF-8: %s", path.c_str());
         return {};
@@ -97,7 +97,7 @@ std::u16string TOLVGetProcessImageName(pid_t processId)
     constexpr const char* kFunction = "TOLVGetProcessImageName()";
     // The pidfd pins the process's identity: if it is still alive after the
     // path was read, the id was not handed to another process meanwhile.
-    platform::UniqueFd process(processId > 0 ? static_cast<int>(syscall(SYS_pidfd_open, processId, 0)) : -1);
+    tolv::platform::UniqueFd process(processId > 0 ? static_cast<int>(syscall(SYS_pidfd_open, processId, 0)) : -1);
     if (!process) {
         LOG_ERROR(kFunction, "OpenProcess failed with error : 0x%x", processId > 0 ? errno : ESRCH);
         return {};

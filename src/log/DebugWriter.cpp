@@ -74,7 +74,7 @@ bool DebugWriter::DebuggerAttached()
     char text[8192];
     size_t length = 0;
     while (length < sizeof text) {
-        const ssize_t n = platform::RetryOnEintr([&] { return read(fd, text + length, sizeof text - length); });
+        const ssize_t n = tolv::platform::RetryOnEintr([&] { return read(fd, text + length, sizeof text - length); });
         if (n <= 0)
             break;
         length += static_cast<size_t>(n);

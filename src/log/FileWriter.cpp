@@ -103,7 +103,7 @@ bool FileWriter::SetProperty(const std::string& name, const std::string& value)
 {
     LxMutexLock guard(LoggingLock());
     uint32_t number = 0;
-    const bool isNumber = platform::ParseUnsigned32(value, number);
+    const bool isNumber = tolv::platform::ParseUnsigned32(value, number);
     if (PropertyNameIs(name, "filename")) {
         if (!m_file)
             m_fileName = value;

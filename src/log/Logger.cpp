@@ -336,7 +336,7 @@ void Logger::LogWithError(int errorCode, const char* functionName, int32_t level
     size_t length = static_cast<size_t>(n) < sizeof buffer ? static_cast<size_t>(n) : sizeof buffer - 1;
     if (length > 0 && buffer[length - 1] == '\n')
         --length;
-    const std::string systemText = platform::ErrnoText(errorCode);
+    const std::string systemText = tolv::platform::ErrnoText(errorCode);
     const int extra =
         snprintf(buffer + length, sizeof buffer - length, "; (%d) %s", errorCode, systemText.c_str());
     if (extra > 0)

@@ -53,7 +53,7 @@ bool LxSocket::Connect(const std::string& address, uint32_t port)
     std::memcpy(&target, found->ai_addr, sizeof target);
     freeaddrinfo(found);
     target.sin_port = htons(static_cast<uint16_t>(port));
-    if (platform::RetryOnEintr([&] {
+    if (tolv::platform::RetryOnEintr([&] {
             return connect(m_fd, reinterpret_cast<const sockaddr*>(&target), sizeof target);
         }) != 0) {
         LogWithSocketError("LxSocket::Connect()", LOG_LEVEL_ERROR, "Connect failed.\n");
@@ -67,7 +67,7 @@ int32_t LxSocket::SendAll(const char* bytes, int32_t length)
     int32_t sent = 0;
     while (sent < length) {
         // MSG_NOSIGNAL: a gone collector is an error here, never a signal.
-        const ssize_t n = platform::RetryOnEintr(
+        const ssize_t n = tolv::platform::RetryOnEintr(
             [&] { return send(m_fd, bytes + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL); });
         if (n <= 0) {
             LogWithSocketError("LxSocket::SendAll()", LOG_LEVEL_ERROR, "SendAll() failed.\n");

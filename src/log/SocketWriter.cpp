@@ -47,7 +47,7 @@ bool SocketWriter::SetProperty(const std::string& name, const std::string& value
     }
     if (PropertyNameIs(name, "remotePort")) {
         uint32_t port = 0;
-        if (!platform::ParseUnsigned32(value, port))
+        if (!tolv::platform::ParseUnsigned32(value, port))
             return false;
         m_remotePort = port;
         return true;

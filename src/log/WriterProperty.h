@@ -1,6 +1,6 @@
 #pragma once
 // Writer properties arrive as text: names compare without regard to case, and
-// numbers parse with platform::ParseUnsigned32.
+// numbers parse with tolv::platform::ParseUnsigned32.
 
 #include "platform/ParseNumber.h"
 

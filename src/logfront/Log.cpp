@@ -101,7 +101,7 @@ void DispatchWithError(int errorCode, const char* functionName, int32_t level, c
             if (!text.empty() && text.back() == '\n')
                 text.pop_back();
             char suffix[512];
-            snprintf(suffix, sizeof suffix, "; (%d) %s", errorCode, platform::ErrnoText(errorCode).c_str());
+            snprintf(suffix, sizeof suffix, "; (%d) %s", errorCode, tolv::platform::ErrnoText(errorCode).c_str());
             return text + suffix;
         });
 }

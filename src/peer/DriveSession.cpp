@@ -67,7 +67,7 @@ bool DriveSession::Read(uint8_t letter, uint64_t offset, uint32_t length, std::v
     auto reply = Call(EncodeReadRequest(io, letter, 0, offset, length), io, error);
     if (!reply || !CheckStatus(*reply, "read", error))
         return false;
-    platform::LeReader reader(reply->payload.data(), reply->payload.size());
+    tolv::platform::LeReader reader(reply->payload.data(), reply->payload.size());
     uint32_t bytesRead = 0;
     if (!reader.u32(bytesRead) || bytesRead > length || reply->payload.size() - DR_READ_RSP_SIZE != bytesRead) {
         error = "read reply does not hold the bytes it counts";
@@ -136,11 +136,11 @@ bool DriveSession::Range(uint8_t letter, uint64_t offset, uint64_t size,
         auto reply = m_client.Wait(head.io, m_timeout, error);
         if (!reply)
             return false;
-        if (allowShort && done > 0 && reply->header.status == platform::STATUS_END_OF_FILE)
+        if (allowShort && done > 0 && reply->header.status == tolv::platform::STATUS_END_OF_FILE)
             return true;  // the range went past the end
         if (!CheckStatus(*reply, "read", error))
             return false;
-        platform::LeReader reader(reply->payload.data(), reply->payload.size());
+        tolv::platform::LeReader reader(reply->payload.data(), reply->payload.size());
         uint32_t bytesRead = 0;
         if (!reader.u32(bytesRead) || bytesRead > head.length ||
             reply->payload.size() - DR_READ_RSP_SIZE != bytesRead) {

@@ -85,7 +85,7 @@ private:
 bool ImageWriter::Append(const uint8_t* bytes, size_t count)
 {
     if (!m_sparse)
-        return platform::WriteWhole(m_fd, bytes, count);
+        return tolv::platform::WriteWhole(m_fd, bytes, count);
     // [run, i) is data not yet written; a block split by the ends of the
     // chunk is short and so written as data.
     size_t run = 0;
@@ -94,13 +94,13 @@ bool ImageWriter::Append(const uint8_t* bytes, size_t count)
         const size_t toBoundary = kBlock - static_cast<size_t>((m_offset + i) % kBlock);
         const size_t n = std::min(toBoundary, count - i);
         if (n == kBlock && IsZeroBlock(bytes + i)) {
-            if (!platform::WriteWholeAt(m_fd, bytes + run, i - run, m_offset + run))
+            if (!tolv::platform::WriteWholeAt(m_fd, bytes + run, i - run, m_offset + run))
                 return false;
             run = i + n;
         }
         i += n;
     }
-    if (!platform::WriteWholeAt(m_fd, bytes + run, count - run, m_offset + run))
+    if (!tolv::platform::WriteWholeAt(m_fd, bytes + run, count - run, m_offset + run))
         return false;
     m_offset += count;
     StartWriteBack();
@@ -133,7 +133,7 @@ bool ImageWriter::IsZeroBlock(const uint8_t* block)
 
 bool FileCrc(const std::string& path, uint32_t& crc, const CrcProgress& progress)
 {
-    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0)
         return false;

@@ -33,8 +33,8 @@ public:
 private:
     void Watch();
 
-    platform::UniqueFd m_signals;
-    platform::UniqueFd m_stop;
+    tolv::platform::UniqueFd m_signals;
+    tolv::platform::UniqueFd m_stop;
     std::atomic<int> m_signal{0};
     std::mutex m_mutex;
     std::function<void()> m_callback;  // guarded by m_mutex

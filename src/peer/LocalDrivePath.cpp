@@ -106,7 +106,7 @@ std::string LocalDrivePath::WhyNotOpenable() const
     }
     // The worker opens for reading and writing; a block device that refuses
     // writing, for reading only.
-    platform::UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY));
+    tolv::platform::UniqueFd fd(open(node.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!fd && S_ISBLK(st.st_mode) && (errno == EROFS || errno == EACCES))
         fd.reset(open(node.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     return fd ? std::string() : Words(errno);

@@ -56,7 +56,7 @@ bool FreshEndpoint(std::string& text)
 int Reap(pid_t pid, std::chrono::seconds timeout)
 {
     // The pidfd turns readable when the process ends.
-    platform::UniqueFd exited(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    tolv::platform::UniqueFd exited(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     if (exited) {
         pollfd pfd{exited.get(), POLLIN, 0};
         int ready;
@@ -131,7 +131,7 @@ std::unique_ptr<PeerConnection> PeerConnection::Open(const Options& options, std
         error = "not an endpoint GUID: " + endpointText;
         return nullptr;
     }
-    auto streamName = platform::Utf8ToUtf16(options.streamName);
+    auto streamName = tolv::platform::Utf8ToUtf16(options.streamName);
     if (!streamName) {
         error = "the stream name is not valid UTF-8";
         return nullptr;

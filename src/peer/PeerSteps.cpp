@@ -133,7 +133,7 @@ int PeerSteps::Query(const PeerStep& step, DR_QUERY_DISK_RSP* out)
     const uint8_t letter = step.letter;
     Drive drive{LocalDrivePath::Resolve(step.path), {}, true};
     const LocalDrivePath& path = drive.path;
-    auto wide = platform::Utf8ToUtf16(path.sent());
+    auto wide = tolv::platform::Utf8ToUtf16(path.sent());
     if (!wide)
         return Fail("the path is not valid UTF-8: " + step.path);
     const std::string name = std::string("drive ") + static_cast<char>(letter) + ": " + step.path;
@@ -225,7 +225,7 @@ int PeerSteps::Release(uint8_t letter)
 int PeerSteps::Read(const PeerStep& step)
 {
     const bool toStdout = step.file == "-";
-    platform::UniqueFd out(toStdout ? dup(STDOUT_FILENO)
+    tolv::platform::UniqueFd out(toStdout ? dup(STDOUT_FILENO)
                                     : open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!out)
         return Fail("cannot open " + step.file + ": " + std::strerror(errno));
@@ -237,7 +237,7 @@ int PeerSteps::Read(const PeerStep& step)
     if (!m_session.ReadRange(
             step.letter, step.offset, step.length,
             [&](const uint8_t* bytes, size_t count) {
-                return !interrupted() && platform::WriteWhole(out.get(), bytes, count);
+                return !interrupted() && tolv::platform::WriteWhole(out.get(), bytes, count);
             },
             true, crc, done, nullptr, error)) {
         out.reset();
@@ -252,7 +252,7 @@ int PeerSteps::Write(const PeerStep& step)
 {
     if (const int refused = RefuseWhileMounted(step.letter, "write"))
         return refused;
-    platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!in || fstat(in.get(), &st) != 0)
         return Fail("cannot open " + step.file + ": " + std::strerror(errno));
@@ -262,7 +262,7 @@ int PeerSteps::Write(const PeerStep& step)
     if (!m_session.WriteRange(
             step.letter, step.offset, static_cast<uint64_t>(st.st_size),
             [&](uint8_t* buffer, size_t count) {
-                return !interrupted() && platform::ReadWhole(in.get(), buffer, count);
+                return !interrupted() && tolv::platform::ReadWhole(in.get(), buffer, count);
             },
             crc, nullptr, error))
         return Fail(error);
@@ -283,7 +283,7 @@ int PeerSteps::CopyOut(const PeerStep& step)
             ": the image may be of a live file system, changing while it was copied");
     std::string releaseError;
     // O_TRUNC empties an existing file, so no stale byte shows through a hole.
-    platform::UniqueFd out(open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    tolv::platform::UniqueFd out(open(step.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!out) {
         const std::string why = std::strerror(errno);
         Release(kCopyLetter);
@@ -336,7 +336,7 @@ int PeerSteps::CopyOut(const PeerStep& step)
 
 int PeerSteps::CopyIn(const PeerStep& step)
 {
-    platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd in(open(step.file.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!in || fstat(in.get(), &st) != 0)
         return Fail("cannot open " + step.file + ": " + std::strerror(errno));
@@ -360,7 +360,7 @@ int PeerSteps::CopyIn(const PeerStep& step)
     const auto start = Clock::now();
     bool ok = m_session.WriteRange(
         kCopyLetter, 0, size,
-        [&](uint8_t* buffer, size_t count) { return !interrupted() && platform::ReadWhole(in.get(), buffer, count); },
+        [&](uint8_t* buffer, size_t count) { return !interrupted() && tolv::platform::ReadWhole(in.get(), buffer, count); },
         sentCrc, [&](uint64_t d, uint64_t t) { copyMeter.Update(d, t); }, error);
     const auto elapsed = Clock::now() - start;
     uint32_t readCrc = 0;

@@ -41,7 +41,7 @@ int Interrupted(int signal)
 
 int main(int argc, char** argv)
 {
-    platform::KeepLargeBlocksInTheHeap();
+    tolv::platform::KeepLargeBlocksInTheHeap();
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string error;
     auto parsed = ParsePeerCommandLine(args, error);

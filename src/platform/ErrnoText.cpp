@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-namespace platform {
+namespace tolv::platform {
 
 namespace {
 // strerror_r has two signatures; these overloads accept whichever the C library declares.
@@ -16,4 +16,4 @@ std::string ErrnoText(int err)
     return Pick(strerror_r(err, buffer, sizeof buffer), buffer);
 }
 
-} // namespace platform
+} // namespace tolv::platform

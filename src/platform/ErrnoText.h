@@ -1,9 +1,9 @@
 #pragma once
 #include <string>
 
-namespace platform {
+namespace tolv::platform {
 
 // Text of a system error number, as strerror_r gives it; never fails.
 std::string ErrnoText(int err);
 
-} // namespace platform
+} // namespace tolv::platform

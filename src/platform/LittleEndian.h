@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace platform {
+namespace tolv::platform {
 
 template <typename T>
 inline T LoadLe(const uint8_t* p)
@@ -73,4 +73,4 @@ private:
     size_t m_pos = 0;
 };
 
-} // namespace platform
+} // namespace tolv::platform

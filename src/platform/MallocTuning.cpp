@@ -2,7 +2,7 @@
 
 #include <malloc.h>
 
-namespace platform {
+namespace tolv::platform {
 
 void KeepLargeBlocksInTheHeap()
 {
@@ -12,4 +12,4 @@ void KeepLargeBlocksInTheHeap()
     mallopt(M_TRIM_THRESHOLD, 256 << 20);
 }
 
-} // namespace platform
+} // namespace tolv::platform

@@ -4,9 +4,9 @@
 // mapping, or trimmed back to the kernel when freed, so every message pays a
 // page fault per 4 KiB. Keeping such blocks in the heap roughly triples the
 // throughput of a copy through the worker.
-namespace platform {
+namespace tolv::platform {
 
 // Call once, early in main, before other threads start.
 void KeepLargeBlocksInTheHeap();
 
-} // namespace platform
+} // namespace tolv::platform

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-namespace platform {
+namespace tolv::platform {
 
 NTSTATUS NtStatusFromErrno(int err, IoDirection direction)
 {
@@ -39,4 +39,4 @@ NTSTATUS NtStatusFromErrno(int err, IoDirection direction)
     }
 }
 
-} // namespace platform
+} // namespace tolv::platform

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace platform {
+namespace tolv::platform {
 
 // False when the text does not start with a number or the number needs more
 // than 32 bits: 4294967296 must not wrap to 0, which means "no limit".
@@ -22,4 +22,4 @@ inline bool ParseUnsigned32(const std::string& text, uint32_t& value)
     return true;
 }
 
-} // namespace platform
+} // namespace tolv::platform

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace platform {
+namespace tolv::platform {
 
 void TakeScmRights(msghdr& msg, std::vector<UniqueFd>& out)
 {
@@ -18,4 +18,4 @@ void TakeScmRights(msghdr& msg, std::vector<UniqueFd>& out)
     }
 }
 
-} // namespace platform
+} // namespace tolv::platform

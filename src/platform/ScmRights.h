@@ -8,8 +8,8 @@
 
 #include <vector>
 
-namespace platform {
+namespace tolv::platform {
 
 void TakeScmRights(msghdr& msg, std::vector<UniqueFd>& out);
 
-} // namespace platform
+} // namespace tolv::platform

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-namespace platform {
+namespace tolv::platform {
 
 template <typename Fn>
 auto RetryOnEintr(Fn&& fn) -> decltype(fn())
@@ -15,4 +15,4 @@ auto RetryOnEintr(Fn&& fn) -> decltype(fn())
     return result;
 }
 
-} // namespace platform
+} // namespace tolv::platform

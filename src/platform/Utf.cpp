@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace tolv::platform {
 
 namespace {
 
@@ -100,4 +100,4 @@ std::optional<std::u16string> Utf8ToUtf16(std::string_view text)
     return out;
 }
 
-} // namespace platform
+} // namespace tolv::platform

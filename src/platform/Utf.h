@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-namespace platform {
+namespace tolv::platform {
 
 std::optional<std::string> Utf16ToUtf8(std::u16string_view text);
 std::optional<std::u16string> Utf8ToUtf16(std::string_view text);
 
-} // namespace platform
+} // namespace tolv::platform

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace platform {
+namespace tolv::platform {
 
 namespace detail {
 
@@ -58,4 +58,4 @@ inline bool ReadWholeAt(int fd, uint8_t* data, size_t size, uint64_t offset)
         size, offset);
 }
 
-} // namespace platform
+} // namespace tolv::platform

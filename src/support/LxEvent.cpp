@@ -40,7 +40,7 @@ bool Readable(short revents)
 uint64_t Take(const LxEventData& data)
 {
     uint64_t value = 0;
-    const ssize_t n = platform::RetryOnEintr([&] { return ::read(data.Handle(), &value, sizeof value); });
+    const ssize_t n = tolv::platform::RetryOnEintr([&] { return ::read(data.Handle(), &value, sizeof value); });
     return n == sizeof value ? value : 0;
 }
 
@@ -55,7 +55,7 @@ bool Claim(const LxEventData& data)
 
 LxEvent::LxEvent(bool manualReset, bool initiallySignalled, const std::string& name)
 {
-    platform::UniqueFd fd(::eventfd(initiallySignalled ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
+    tolv::platform::UniqueFd fd(::eventfd(initiallySignalled ? 1 : 0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!fd) {
         LOG_ERRNO_AT(LOG_LEVEL_ERROR, "LxEvent::LxEvent()", "Cannot create event %s", name.c_str());
         return;
@@ -67,7 +67,7 @@ LxEvent::LxEvent(bool manualReset, bool initiallySignalled, const std::string& n
 LxEvent::LxEvent(int fd, bool ownsHandle)
 {
     if (fd >= 0)
-        m_data = MakeRC<LxEventData>(platform::UniqueFd(fd), LxEventData::Kind::Descriptor, ownsHandle);
+        m_data = MakeRC<LxEventData>(tolv::platform::UniqueFd(fd), LxEventData::Kind::Descriptor, ownsHandle);
 }
 
 bool LxEvent::Set() const
@@ -75,7 +75,7 @@ bool LxEvent::Set() const
     if (!IsValid() || m_data->m_kind == LxEventData::Kind::Descriptor)
         return false;
     const uint64_t one = 1;
-    const ssize_t n = platform::RetryOnEintr([&] { return ::write(m_data->Handle(), &one, sizeof one); });
+    const ssize_t n = tolv::platform::RetryOnEintr([&] { return ::write(m_data->Handle(), &one, sizeof one); });
     // EAGAIN: the counter is at its limit, which is signalled all the same.
     return n == sizeof one || errno == EAGAIN;
 }
@@ -85,7 +85,7 @@ bool LxEvent::Reset() const
     if (!IsValid() || m_data->m_kind == LxEventData::Kind::Descriptor)
         return false;
     uint64_t value = 0;
-    const ssize_t n = platform::RetryOnEintr([&] { return ::read(m_data->Handle(), &value, sizeof value); });
+    const ssize_t n = tolv::platform::RetryOnEintr([&] { return ::read(m_data->Handle(), &value, sizeof value); });
     return n == sizeof value || errno == EAGAIN;
 }
 

@@ -1,6 +1,6 @@
 #include "support/LxEventData.h"
 
-LxEventData::LxEventData(platform::UniqueFd fd, Kind kind, bool ownsHandle)
+LxEventData::LxEventData(tolv::platform::UniqueFd fd, Kind kind, bool ownsHandle)
     : m_fd(std::move(fd)), m_kind(kind), m_ownsHandle(ownsHandle)
 {
 }

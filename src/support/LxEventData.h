@@ -13,14 +13,14 @@ class LxEventData final : public RCObject {
 public:
     enum class Kind { ManualReset, AutoReset, Descriptor };
 
-    LxEventData(platform::UniqueFd fd, Kind kind, bool ownsHandle);
+    LxEventData(tolv::platform::UniqueFd fd, Kind kind, bool ownsHandle);
     ~LxEventData() override;
     LxEventData(const LxEventData&) = delete;
     LxEventData& operator=(const LxEventData&) = delete;
 
     int Handle() const { return m_fd.get(); }
 
-    platform::UniqueFd m_fd;
+    tolv::platform::UniqueFd m_fd;
     const Kind m_kind;
     // False: the descriptor belongs to somebody else and is not closed here.
     const bool m_ownsHandle;

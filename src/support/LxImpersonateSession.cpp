@@ -28,7 +28,7 @@ int SetThreadEffectiveUid(uid_t uid)
 
 std::string NameText(const std::u16string& name)
 {
-    return platform::Utf16ToUtf8(name).value_or(std::string());
+    return tolv::platform::Utf16ToUtf8(name).value_or(std::string());
 }
 
 } // namespace

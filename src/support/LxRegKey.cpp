@@ -155,7 +155,7 @@ uint32_t LxRegKey::OpenKey()
         const std::string entry = FindEntry(path, part);
         path += "/" + (entry.empty() ? part : entry);
     }
-    platform::UniqueFd handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    tolv::platform::UniqueFd handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!handle) {
         const int err = errno;
         const uint32_t error = ErrorFromErrno(err);

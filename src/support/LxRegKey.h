@@ -55,5 +55,5 @@ private:
     int32_t m_sessionId;
     int32_t m_openedSessionId = -1;
     std::string m_path;
-    platform::UniqueFd m_handle;
+    tolv::platform::UniqueFd m_handle;
 };

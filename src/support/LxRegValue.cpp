@@ -51,7 +51,7 @@ bool ReadValueFile(int folder, const std::string& entry, std::string& text, int&
         error = ENOENT;
         return false;
     }
-    platform::UniqueFd fd(openat(folder, entry.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    tolv::platform::UniqueFd fd(openat(folder, entry.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0) {
         error = errno;
@@ -63,7 +63,7 @@ bool ReadValueFile(int folder, const std::string& entry, std::string& text, int&
     }
     char buffer[4096];
     for (;;) {
-        const ssize_t n = platform::RetryOnEintr([&] { return read(fd.get(), buffer, sizeof buffer); });
+        const ssize_t n = tolv::platform::RetryOnEintr([&] { return read(fd.get(), buffer, sizeof buffer); });
         if (n < 0) {
             error = errno;
             return false;
@@ -216,7 +216,7 @@ bool LxRegValue::AsUInt32(uint32_t& value) const
     }
     if (m_type != REG_SZ && m_type != REG_EXPAND_SZ)
         return false;
-    return platform::ParseUnsigned32(AsString(), value);
+    return tolv::platform::ParseUnsigned32(AsString(), value);
 }
 
 bool LxRegValue::AsBool(bool defaultValue) const

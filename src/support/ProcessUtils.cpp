@@ -100,7 +100,7 @@ std::string OsReleasePrettyName()
 // offset and size read from the file is checked against the file's length.
 bool ReadElfSection(const std::string& path, const char* wanted, size_t limit, std::string* contents)
 {
-    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return false;
@@ -285,7 +285,7 @@ std::u16string GetSessionUserName(uint32_t sessionId)
     struct passwd* found = nullptr;
     if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || !found)
         return {};
-    return platform::Utf8ToUtf16(found->pw_name).value_or(std::u16string());
+    return tolv::platform::Utf8ToUtf16(found->pw_name).value_or(std::u16string());
 }
 
 bool IsServiceAccount()
@@ -334,7 +334,7 @@ void SetThreadName(uint32_t threadId, const char* name)
     }
     const uint32_t tid = calling ? static_cast<uint32_t>(gettid()) : threadId;
     const std::string path = "/proc/self/task/" + std::to_string(tid) + "/comm";
-    platform::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (!fd) {
         LOG_ERRNO_AT(LOG_LEVEL_DEBUG, function, "OpenThread(0x%04X) failed", tid);
         fallback();
@@ -368,7 +368,7 @@ std::string GetFileTimeText(const std::string& path)
 {
     if (path.empty())
         return {};
-    platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0)
         return {};

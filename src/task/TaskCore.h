@@ -43,7 +43,7 @@ struct TaskCore {
 
     const TaskKind kind;
     const uint64_t id;               // the key of its epoll registration
-    platform::UniqueFd fd;           // timerfd, or the wait's duplicate; none for work
+    tolv::platform::UniqueFd fd;           // timerfd, or the wait's duplicate; none for work
 
     std::mutex lock;                 // guards the three below
     std::condition_variable idle;    // signalled when running and pending fall
@@ -104,9 +104,9 @@ private:
     void RunTask(const std::shared_ptr<TaskCore>& core);
 
     const Limits m_limits;
-    platform::UniqueFd m_epoll;
-    platform::UniqueFd m_stopFd;     // level-triggered, never read: wakes every thread
-    platform::UniqueFd m_workFd;     // semaphore eventfd: one count per posted work callback
+    tolv::platform::UniqueFd m_epoll;
+    tolv::platform::UniqueFd m_stopFd;     // level-triggered, never read: wakes every thread
+    tolv::platform::UniqueFd m_workFd;     // semaphore eventfd: one count per posted work callback
     std::atomic<uint64_t> m_nextId{16};
 
     std::mutex m_lock;               // guards everything below

@@ -31,7 +31,7 @@ std::optional<std::string> DrivePathToLinux(std::u16string_view path)
 {
     if (path.find(u'\0') != std::u16string_view::npos)
         return std::nullopt;
-    auto utf8 = platform::Utf16ToUtf8(path);
+    auto utf8 = tolv::platform::Utf16ToUtf8(path);
     if (!utf8 || utf8->empty())
         return std::nullopt;
     if (!IsDevicePath(path))

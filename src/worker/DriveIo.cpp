@@ -11,7 +11,7 @@
 
 namespace tolv::worker {
 
-using namespace platform;
+using namespace tolv::platform;
 
 namespace {
 

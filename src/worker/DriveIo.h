@@ -10,7 +10,7 @@
 namespace tolv::worker {
 
 struct IoStatusBlock {
-    platform::NTSTATUS status = 0;
+    tolv::platform::NTSTATUS status = 0;
     uint64_t information = 0;
 };
 

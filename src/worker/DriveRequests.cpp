@@ -6,8 +6,8 @@
 
 namespace tolv::worker {
 
-using platform::LeReader;
-using platform::StoreLe;
+using tolv::platform::LeReader;
+using tolv::platform::StoreLe;
 
 bool DecodeRequestHeader(const uint8_t* record, size_t size, DR_REQ_HEADER& out)
 {

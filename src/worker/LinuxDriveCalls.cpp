@@ -29,8 +29,8 @@
 
 namespace tolv::worker {
 
-using platform::RetryOnEintr;
-using platform::UniqueFd;
+using tolv::platform::RetryOnEintr;
+using tolv::platform::UniqueFd;
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 namespace tolv::worker {
 
-using namespace platform;
+using namespace tolv::platform;
 
 bool StorageDrives::Read(const DR_REQ_HEADER& header, const DR_READ_REQ& request, DR_RSP_HEADER& reply,
                          ReplyBlock& block)

@@ -14,7 +14,7 @@
 
 namespace tolv::worker {
 
-using namespace platform;
+using namespace tolv::platform;
 
 namespace {
 

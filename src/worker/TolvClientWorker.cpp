@@ -28,7 +28,7 @@ bool IsSeparator(char16_t c)
 // UTF-8 for a log line; text that is not valid UTF-16 is shown as such.
 std::string ForLog(const std::u16string& text)
 {
-    auto utf8 = platform::Utf16ToUtf8(text);
+    auto utf8 = tolv::platform::Utf16ToUtf8(text);
     return utf8 ? *utf8 : std::string("<invalid text>");
 }
 

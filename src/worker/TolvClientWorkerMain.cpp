@@ -153,7 +153,7 @@ int main(int argc, char** argv)
     if (AnswersAtOnce(argc, argv, exitCode))
         return exitCode;
     CoreDump_SetUnhandledExceptionFilter();
-    platform::KeepLargeBlocksInTheHeap();
+    tolv::platform::KeepLargeBlocksInTheHeap();
     {
         EnvSetup env;
         if (!env.Init()) {

@@ -88,7 +88,7 @@ ChildProcess::~ChildProcess()
 int ChildProcess::Wait(std::chrono::milliseconds timeout)
 {
     if (m_pid > 0) {
-        platform::UniqueFd exited(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
+        tolv::platform::UniqueFd exited(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
         bool overran = false;
         if (exited) {
             pollfd pfd{exited.get(), POLLIN, 0};

@@ -25,8 +25,8 @@ int RunCommand(const std::vector<std::string>& argv, std::string* output)
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
         return -1;
-    platform::UniqueFd readEnd(pipeFds[0]);
-    platform::UniqueFd writeEnd(pipeFds[1]);
+    tolv::platform::UniqueFd readEnd(pipeFds[0]);
+    tolv::platform::UniqueFd writeEnd(pipeFds[1]);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -90,8 +90,8 @@ std::string EnterPrivateMountNamespace()
 
 std::unique_ptr<LoopDevice> LoopDevice::Attach(const std::string& image, bool readOnly, std::string& error)
 {
-    platform::UniqueFd control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-    platform::UniqueFd backing(::open(image.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+    tolv::platform::UniqueFd control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    tolv::platform::UniqueFd backing(::open(image.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
     if (!control || !backing) {
         error = "cannot open /dev/loop-control or the image: errno " + std::to_string(errno);
         return nullptr;
@@ -106,7 +106,7 @@ std::unique_ptr<LoopDevice> LoopDevice::Attach(const std::string& image, bool re
         const std::string path = "/dev/loop" + std::to_string(number);
         if (::access(path.c_str(), F_OK) != 0)
             ::mknod(path.c_str(), S_IFBLK | 0660, makedev(7, static_cast<unsigned>(number)));
-        platform::UniqueFd device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+        tolv::platform::UniqueFd device(::open(path.c_str(), O_RDWR | O_CLOEXEC));
         if (!device) {
             error = "cannot open " + path + ": errno " + std::to_string(errno);
             return nullptr;

@@ -42,7 +42,7 @@ public:
     std::vector<std::string> MountPoints() const;
 
 private:
-    LoopDevice(std::string path, platform::UniqueFd fd) : m_path(std::move(path)), m_fd(std::move(fd)) {}
+    LoopDevice(std::string path, tolv::platform::UniqueFd fd) : m_path(std::move(path)), m_fd(std::move(fd)) {}
     std::string m_path;
-    platform::UniqueFd m_fd;
+    tolv::platform::UniqueFd m_fd;
 };

@@ -150,7 +150,7 @@ protected:
 
     static bool Claimable(const LoopDevice& device)
     {
-        platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+        tolv::platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
         return fd.valid();
     }
 

@@ -30,7 +30,7 @@ Crash CrashInChild(const std::function<void()>& crash)
 {
     int fds[2];
     EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    platform::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
+    tolv::platform::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
     Crash result;
     result.pid = fork();
     if (result.pid == 0) {

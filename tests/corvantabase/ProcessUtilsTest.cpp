@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::u16string Wide(const std::string& text) { return platform::Utf8ToUtf16(text).value(); }
+std::u16string Wide(const std::string& text) { return tolv::platform::Utf8ToUtf16(text).value(); }
 std::string OwnExecutable() { return fs::read_symlink("/proc/self/exe").string(); }
 
 // Copies of sleep(1) beside the test executable (a temporary directory may
@@ -51,7 +51,7 @@ public:
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe2");
-        platform::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
+        tolv::platform::UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
         const pid_t pid = fork();
         if (pid == 0) {
             execl(path.c_str(), path.c_str(), "1000", static_cast<char*>(nullptr));
@@ -84,7 +84,7 @@ TEST(ProcessUtilsModule, ExecutableLibraryAndUnknownAddress)
     EXPECT_EQ(TOLVGetModuleFileName(reinterpret_cast<const void*>(&InThisExecutable)), own);
     EXPECT_EQ(TOLVGetProcessImageName(getpid()), own);
 
-    const fs::path libc(platform::Utf16ToUtf8(TOLVGetModuleFileName(reinterpret_cast<const void*>(&getpid))).value());
+    const fs::path libc(tolv::platform::Utf16ToUtf8(TOLVGetModuleFileName(reinterpret_cast<const void*>(&getpid))).value());
     EXPECT_EQ(libc.filename().string().rfind("libc.so", 0), 0u) << libc;
     EXPECT_EQ(fs::canonical(libc), libc); // full, with no symlink left in it
 

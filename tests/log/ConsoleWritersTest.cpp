@@ -29,8 +29,8 @@ public:
     StreamToFile(FILE* stream, const std::string& path) : m_stream(stream), m_fd(fileno(stream)), m_path(path)
     {
         fflush(m_stream);
-        m_saved = platform::UniqueFd(dup(m_fd));
-        platform::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        m_saved = tolv::platform::UniqueFd(dup(m_fd));
+        tolv::platform::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         dup2(file.get(), m_fd);
     }
     ~StreamToFile()
@@ -51,7 +51,7 @@ private:
     FILE* m_stream;
     int m_fd;
     std::string m_path;
-    platform::UniqueFd m_saved;
+    tolv::platform::UniqueFd m_saved;
 };
 
 std::atomic<bool> g_attached{false};

@@ -58,7 +58,7 @@ public:
     }
 
 private:
-    platform::UniqueFd m_fd;
+    tolv::platform::UniqueFd m_fd;
     uint16_t m_port = 0;
 };
 

@@ -60,7 +60,7 @@ ReadFields DecodeRead(const std::vector<uint8_t>& record)
 {
     DR_REQ_HEADER header;
     DecodeRequestHeader(record.data(), record.size(), header);
-    platform::LeReader reader(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE);
+    tolv::platform::LeReader reader(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE);
     uint32_t id = 0, reserved = 0;
     ReadFields fields;
     fields.ioContext = header.ioContext;
@@ -75,7 +75,7 @@ ReadFields DecodeRead(const std::vector<uint8_t>& record)
 std::vector<uint8_t> OffsetBytesReply(uint64_t ioContext, uint64_t offset, uint32_t count)
 {
     std::vector<uint8_t> payload(4 + count);
-    platform::StoreLe<uint32_t>(payload.data(), count);
+    tolv::platform::StoreLe<uint32_t>(payload.data(), count);
     for (uint32_t i = 0; i < count; ++i)
         payload[4 + i] = static_cast<uint8_t>(offset + i);
     return Reply(ioContext, 0, payload);
@@ -400,7 +400,7 @@ TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackI
         const auto [ioContext, offset, length] = DecodeRead(*record);
         lengths.push_back(length);
         if (offset >= driveEnd) {
-            auto reply = Reply(ioContext, platform::STATUS_END_OF_FILE, {});
+            auto reply = Reply(ioContext, tolv::platform::STATUS_END_OF_FILE, {});
             clientRef->OnMessage(reply.data(), reply.size());
             return true;
         }

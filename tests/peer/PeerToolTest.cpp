@@ -204,10 +204,10 @@ TEST(PeerTool, AnInterruptReleasesTheWorkerAndRemovesThePartialImage)
         // A large empty drive: the copy takes far longer than the signal.
         const std::string source = install.file("source.bin");
         {
-            platform::UniqueFd fd(::open(source.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+            tolv::platform::UniqueFd fd(::open(source.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
             ASSERT_EQ(ftruncate(fd.get(), off_t{16} << 30), 0);
         }
-        platform::UniqueFd inotify(inotify_init1(IN_CLOEXEC));
+        tolv::platform::UniqueFd inotify(inotify_init1(IN_CLOEXEC));
         ASSERT_GE(inotify_add_watch(inotify.get(), install.dir.path().c_str(), IN_CREATE), 0);
         std::vector<std::string> args = {install.peer(), "--timeout", "60", "copy-out", source,
                                          install.file("image.bin")};
@@ -267,7 +267,7 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
     const std::string mnt = this->mnt();
     MountGuard guard{mnt};
     // An open file keeps the mount busy: the worker cannot take it down.
-    platform::UniqueFd busy(::open((mnt + "/open").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    tolv::platform::UniqueFd busy(::open((mnt + "/open").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     ASSERT_TRUE(busy.valid());
     const std::string before = ReadFile(install.file("disk.img"));
     const std::string patch = install.file("patch.bin");
@@ -310,7 +310,7 @@ TEST_F(WorkerLoop, ADismountIsReportedAndAFailedLockWarnsACopyOut)
     EXPECT_TRUE(device->MountPoints().empty());
 
     // Someone else holds the device exclusively: the worker's lock fails.
-    platform::UniqueFd claim(::open(device->path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+    tolv::platform::UniqueFd claim(::open(device->path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
     ASSERT_TRUE(claim.valid());
     const auto copy = install.Peer({"copy-out", device->path(), install.file("out.img")});
     EXPECT_EQ(copy.code, 0) << copy.err;

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <vector>
 
-using namespace platform;
+using namespace tolv::platform;
 
 namespace {
 bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }

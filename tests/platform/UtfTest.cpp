@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-using platform::Utf16ToUtf8;
-using platform::Utf8ToUtf16;
+using tolv::platform::Utf16ToUtf8;
+using tolv::platform::Utf8ToUtf16;
 
 TEST(Utf, RoundTripsEveryEncodingLength)
 {

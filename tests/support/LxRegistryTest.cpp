@@ -135,11 +135,11 @@ TEST_F(LxRegistryTest, FailuresAndLongDumpsAreLoggedInTheirOwnWords)
     const char* load = "LxRegValue::Load()";
     LxRegValue value(MakeRC<LxRegKey>("HKLM\\Software\\Texts"), "Blob");
     EXPECT_FALSE(value.Load(LOG_LEVEL_INFO));
-    EXPECT_EQ(log.Count("RegOpenKeyEx(\"HKLM\\Software\\Texts\") failed; (2) " + platform::ErrnoText(ENOENT), load),
+    EXPECT_EQ(log.Count("RegOpenKeyEx(\"HKLM\\Software\\Texts\") failed; (2) " + tolv::platform::ErrnoText(ENOENT), load),
               1u);
     Put("HKLM/Software/Texts", "Other", "1");
     EXPECT_FALSE(value.Load(LOG_LEVEL_INFO));
-    EXPECT_EQ(log.Count("RegQueryValueEx(\"HKLM\\Software\\Texts\\Blob\") failed; (2) " + platform::ErrnoText(ENOENT),
+    EXPECT_EQ(log.Count("RegQueryValueEx(\"HKLM\\Software\\Texts\\Blob\") failed; (2) " + tolv::platform::ErrnoText(ENOENT),
                         load),
               1u);
 

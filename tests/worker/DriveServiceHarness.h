@@ -35,7 +35,7 @@ struct ServiceReply {
         EXPECT_GE(p.size(), 4u);
         if (p.size() < 4)
             return {};
-        EXPECT_EQ(platform::LoadLe<uint32_t>(p.data()), p.size() - 4);
+        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(p.data()), p.size() - 4);
         EXPECT_EQ(header.information, p.size() - 4);
         return std::vector<uint8_t>(p.begin() + 4, p.end());
     }
@@ -62,8 +62,8 @@ inline ServiceReply CallService(StorageDrivesInterface& service, const std::vect
         EXPECT_TRUE(DecodeResponseHeader(response, responseSize, reply.header));
         EXPECT_EQ(responseSize, DR_RSP_HEADER_SIZE + reply.header.payloadLength);
         // Reserved bytes of the header are zero.
-        EXPECT_EQ(platform::LoadLe<uint32_t>(response + 12), 0u);
-        EXPECT_EQ(platform::LoadLe<uint32_t>(response + 28), 0u);
+        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(response + 12), 0u);
+        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(response + 28), 0u);
     } else {
         EXPECT_EQ(responseSize, 0u);
     }
@@ -85,14 +85,14 @@ inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSiz
                                             uint32_t heads, uint32_t sectorsPerTrack, uint32_t bytesPerSector)
 {
     std::vector<uint8_t> bytes(64, 0);
-    platform::StoreLe<uint64_t>(&bytes[0], ioContext);
+    tolv::platform::StoreLe<uint64_t>(&bytes[0], ioContext);
     bytes[24] = 32;  // payloadLength
-    platform::StoreLe<uint64_t>(&bytes[32], diskSize);
+    tolv::platform::StoreLe<uint64_t>(&bytes[32], diskSize);
     bytes[40] = readOnly;
-    platform::StoreLe<uint32_t>(&bytes[44], mediaType);
-    platform::StoreLe<uint32_t>(&bytes[48], heads);
-    platform::StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
-    platform::StoreLe<uint32_t>(&bytes[56], bytesPerSector);
+    tolv::platform::StoreLe<uint32_t>(&bytes[44], mediaType);
+    tolv::platform::StoreLe<uint32_t>(&bytes[48], heads);
+    tolv::platform::StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
+    tolv::platform::StoreLe<uint32_t>(&bytes[56], bytesPerSector);
     return bytes;
 }
 

@@ -67,7 +67,7 @@ int FakeDriveCalls::Create(const std::u16string& path)
 {
     FakeDriveCalls& self = *g_fake;
     std::lock_guard<std::mutex> guard(self.m_mutex);
-    const std::string name = platform::Utf16ToUtf8(path).value_or("?");
+    const std::string name = tolv::platform::Utf16ToUtf8(path).value_or("?");
     self.m_calls.push_back("open " + name);
     if (self.openErrno != 0) {
         errno = self.openErrno;

@@ -30,7 +30,7 @@ int main(int argc, char** argv)
     if (argc != 5)
         return 2;
     _GUID endpoint{};
-    auto path = platform::Utf8ToUtf16(argv[2]);
+    auto path = tolv::platform::Utf8ToUtf16(argv[2]);
     const unsigned long count = std::strtoul(argv[4], nullptr, 10);
     if (!UUID_ConvertPackedToBin(&endpoint, argv[1]) || !path)
         return 2;

@@ -26,7 +26,7 @@ constexpr size_t kFileSize = 3 * 65536 + 1000;  // not a multiple of any block s
 
 std::u16string Wide(const std::string& path)
 {
-    return *platform::Utf8ToUtf16(path);
+    return *tolv::platform::Utf8ToUtf16(path);
 }
 
 std::vector<uint8_t> FileBytes(const std::string& path)

@@ -47,7 +47,7 @@ protected:
     // True when the device can be claimed exclusively right now (nobody holds it).
     static bool Claimable(const LoopDevice& device)
     {
-        platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+        tolv::platform::UniqueFd fd(::open(device.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
         return fd.valid();
     }
 
@@ -142,7 +142,7 @@ TEST_F(StorageDrivesLoop, EveryByteRoundTripsThroughTheService)
     const auto written = CallService(drives, EncodeWriteRequest(1, 'E', 1, offset, data.data(), 100003));
     EXPECT_EQ(written.header.information, 100003u);
     EXPECT_EQ(CallService(drives, EncodeReadRequest(1, 'E', 1, offset, 100003)).readData(), data);
-    platform::UniqueFd direct(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd direct(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(direct);
     std::vector<uint8_t> back(100003);
     ASSERT_EQ(::pread(direct.get(), back.data(), back.size(), static_cast<off_t>(offset)), 100003);

@@ -51,7 +51,7 @@ struct Piece {
 // blocks the pieces touch: what the file needs allocated.
 uint64_t WriteSparseFile(const std::string& path, uint64_t size, const std::vector<Piece>& pieces, uint32_t seed)
 {
-    platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    tolv::platform::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     EXPECT_TRUE(fd.valid());
     EXPECT_EQ(ftruncate(fd.get(), static_cast<off_t>(size)), 0);
     std::mt19937 random(seed);
@@ -429,7 +429,7 @@ TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBack)
     ASSERT_EQ(install.RunPeer({"copy-in", image, DrivePath(*device)}, &out), 0) << out;
     // What the device holds now, read past the worker.
     std::string onDevice(size, '\0');
-    platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(fd.valid());
     ASSERT_EQ(pread(fd.get(), onDevice.data(), size, 0), static_cast<ssize_t>(size));
     EXPECT_TRUE(onDevice == ReadFile(image));
@@ -448,7 +448,7 @@ TEST_F(WorkerLoop, CopyOutOntoADeviceWritesTheZerosToo)
     std::string out;
     ASSERT_EQ(install.RunPeer({"copy-out", source, device->path()}, &out), 0) << out;
     std::string onDevice(size, '\0');
-    platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd fd(::open(device->path().c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(fd.valid());
     ASSERT_EQ(pread(fd.get(), onDevice.data(), size, 0), static_cast<ssize_t>(size));
     EXPECT_TRUE(onDevice == ReadFile(source));
@@ -466,7 +466,7 @@ TEST_F(WorkerLoop, APeerKilledMidCopyLeavesNoClaimAndTheWorkerExitsZero)
     ChildProcess peer({install.peer(), "--quiet", "--endpoint", kEndpoint, "query", "E", DrivePath(*device), "read",
                        "E", "0", std::to_string(64u << 20), fifo},
                       install.env());
-    platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(reader.valid());
     char first[4096];
     size_t got = 0;
@@ -498,7 +498,7 @@ TEST_F(WorkerLoop, TwoPeersAtOnceEachGetTheirOwnDrives)
     ChildProcess one({install.peer(), "--quiet", "--endpoint", kEndpoint, "query", "E", DrivePath(*first), "read",
                       "E", "0", std::to_string(size), fifo},
                      install.env());
-    platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd reader(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(reader.valid());
     ChildProcess two({install.peer(), "--quiet", "--endpoint", kEndpoint, "copy-out", DrivePath(*second),
                       install.file("b.out")},

@@ -55,7 +55,7 @@ KxIpcStatusCode KxIpclibWaitForReady(const _GUID& endpoint, std::chrono::millise
 // 11 for a reply that is not one).
 KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<uint8_t>& request, int clientPipe,
                                       std::chrono::milliseconds timeout, KxIpclibBootstrapReply& reply,
-                                      std::vector<platform::UniqueFd>& fds);
+                                      std::vector<tolv::platform::UniqueFd>& fds);
 
 class KxIpclibClient {
 public:
@@ -87,7 +87,7 @@ private:
     std::shared_ptr<KxIpclibLinkSharedMemLinux> m_link;
     std::shared_ptr<KxIpclibStream> m_firstStream;
     std::vector<std::shared_ptr<KxIpclibStream>> m_streams;
-    platform::UniqueFd m_pipeWrite;
+    tolv::platform::UniqueFd m_pipeWrite;
     std::chrono::milliseconds m_openTimeout{30000};
     uint32_t m_serverPid = 0;
     uint32_t m_sectionSize = 0;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace tolv::platform {
 
 using NTSTATUS = uint32_t;
 
@@ -32,4 +32,4 @@ NTSTATUS NtStatusFromErrno(int err, IoDirection direction = IoDirection::Other);
 // NT success and informational values are those that are not negative as int32.
 constexpr bool NtSuccess(NTSTATUS status) { return static_cast<int32_t>(status) >= 0; }
 
-} // namespace platform
+} // namespace tolv::platform

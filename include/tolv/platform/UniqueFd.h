@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace platform {
+namespace tolv::platform {
 
 class UniqueFd {
 public:
@@ -44,4 +44,4 @@ private:
     int m_fd = -1;
 };
 
-} // namespace platform
+} // namespace tolv::platform

@@ -69,7 +69,7 @@ int main(int argc, char** argv)
     std::string drivePath = path;
     if (path.rfind("/dev/", 0) == 0)
         drivePath = "\\\\.\\" + path.substr(5);  // the device namespace
-    const auto widePath = platform::Utf8ToUtf16(drivePath);
+    const auto widePath = tolv::platform::Utf8ToUtf16(drivePath);
     if (!widePath) {
         std::fprintf(stderr, "path is not valid UTF-8\n");
         return 2;
@@ -105,7 +105,7 @@ int main(int argc, char** argv)
     ok &= Check(written.present && written.header.status == 0 && written.header.information == writeLength,
                 "write with a reply reports every byte");
 
-    platform::UniqueFd direct(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    tolv::platform::UniqueFd direct(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!direct) {
         std::perror("open for comparison");
         return 1;
@@ -117,7 +117,7 @@ int main(int argc, char** argv)
         Reply read = Call(drives, EncodeReadRequest(3, kDrive, 7, offset, want));
         const ssize_t got = ::pread(direct.get(), expected.data(), want, static_cast<off_t>(offset));
         same = same && read.present && read.header.status == 0 && read.header.information == want &&
-               read.payload.size() == want + 4u && platform::LoadLe<uint32_t>(read.payload.data()) == want &&
+               read.payload.size() == want + 4u && tolv::platform::LoadLe<uint32_t>(read.payload.data()) == want &&
                got == static_cast<ssize_t>(want) && std::memcmp(read.payload.data() + 4, expected.data(), want) == 0;
         if (offset == writeOffset)
             same = same && std::memcmp(read.payload.data() + 4, pattern.data(), writeLength) == 0;

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-using platform::LeReader;
-using platform::StoreLe;
+using tolv::platform::LeReader;
+using tolv::platform::StoreLe;
 
 namespace tamsel::ipc {
 

@@ -27,12 +27,12 @@ private:
     {
         const size_t at = m_out.size();
         m_out.resize(at + sizeof v);
-        platform::StoreLe<T>(m_out.data() + at, v);
+        tolv::platform::StoreLe<T>(m_out.data() + at, v);
     }
     std::vector<uint8_t> m_out;
 };
 
-bool ReadGuid(platform::LeReader& in, _GUID& g)
+bool ReadGuid(tolv::platform::LeReader& in, _GUID& g)
 {
     const uint8_t* tail = nullptr;
     if (!in.u32(g.Data1) || !in.u16(g.Data2) || !in.u16(g.Data3) || !in.bytes(8, tail))
@@ -68,7 +68,7 @@ uint32_t parseBootstrapRequest(const uint8_t* data, size_t size, KxIpclibBootstr
 {
     if (size > kBootstrapMaxRequestSize)
         return kRpcStatusBadStubData;
-    platform::LeReader in(data, size);
+    tolv::platform::LeReader in(data, size);
     KxIpclibBootstrapRequest r;
     uint32_t proc = 0;
     if (!in.u32(proc))
@@ -89,7 +89,7 @@ uint32_t parseBootstrapRequest(const uint8_t* data, size_t size, KxIpclibBootstr
             return kRpcStatusBadStubData;
         r.streamName.resize(length);
         for (uint32_t i = 0; i < length; ++i)
-            r.streamName[i] = static_cast<char16_t>(platform::LoadLe<uint16_t>(units + 2 * i));
+            r.streamName[i] = static_cast<char16_t>(tolv::platform::LoadLe<uint16_t>(units + 2 * i));
     } else {
         for (;;) {
             uint16_t unit = 0;
@@ -152,7 +152,7 @@ bool parseBootstrapReply(const uint8_t* data, size_t size, KxIpclibBootstrapRepl
 {
     if (size != kBootstrapReplySize)
         return false;
-    platform::LeReader in(data, size);
+    tolv::platform::LeReader in(data, size);
     KxIpclibBootstrapReply r;
     uint32_t status = 0;
     bool ok = in.u32(r.rpcStatus) && in.u32(r.sectionSize) && in.u32(r.serverVersion) && in.u64(r.serverLinkId) &&

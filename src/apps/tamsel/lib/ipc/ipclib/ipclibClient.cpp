@@ -53,13 +53,13 @@ KxIpcStatusCode KxIpclibWaitForReady(const _GUID& endpoint, std::chrono::millise
         return KxIpcStatusNotFound;
     const std::string ready = KxIpclibReadyFilePath(*dir, endpoint);
     const std::string name = ready.substr(dir->size() + 1);
-    platform::UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    tolv::platform::UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!watch || ::inotify_add_watch(watch.get(), dir->c_str(), IN_CREATE | IN_MOVED_TO) < 0)
         return KxIpcStatusUnexpected;
     // Checked after the watch is in place, so a creation in between is not missed.
     while (!Exists(ready)) {
         pollfd p{watch.get(), POLLIN, 0};
-        const int n = platform::RetryOnEintr([&] { return ::poll(&p, 1, MsLeft(deadline)); });
+        const int n = tolv::platform::RetryOnEintr([&] { return ::poll(&p, 1, MsLeft(deadline)); });
         if (n < 0)
             return KxIpcStatusUnexpected;
         if (n == 0)
@@ -73,7 +73,7 @@ KxIpcStatusCode KxIpclibWaitForReady(const _GUID& endpoint, std::chrono::millise
 
 KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<uint8_t>& request, int clientPipe,
                                       std::chrono::milliseconds timeout, KxIpclibBootstrapReply& reply,
-                                      std::vector<platform::UniqueFd>& fds)
+                                      std::vector<tolv::platform::UniqueFd>& fds)
 {
     const auto deadline = Clock::now() + timeout;
     fds.clear();
@@ -86,10 +86,10 @@ KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<u
     if (path.size() >= sizeof addr.sun_path)
         return KxIpcStatusInvalidParam;
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    tolv::platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!sock)
         return KxIpcStatusFromSystem(SystemStatusFromErrno(errno));
-    if (platform::RetryOnEintr([&] { return ::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr); }) != 0)
+    if (tolv::platform::RetryOnEintr([&] { return ::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr); }) != 0)
         return KxIpcStatusFromSystem(SystemStatusFromErrno(errno));
 
     iovec io{const_cast<uint8_t*>(request.data()), request.size()};
@@ -106,12 +106,12 @@ KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<u
         cmsg->cmsg_len = CMSG_LEN(sizeof(int));
         std::memcpy(CMSG_DATA(cmsg), &clientPipe, sizeof clientPipe);
     }
-    if (platform::RetryOnEintr([&] { return ::sendmsg(sock.get(), &msg, MSG_NOSIGNAL); }) !=
+    if (tolv::platform::RetryOnEintr([&] { return ::sendmsg(sock.get(), &msg, MSG_NOSIGNAL); }) !=
         static_cast<ssize_t>(request.size()))
         return KxIpcStatusFromSystem(SystemStatusFromErrno(errno));
 
     pollfd p{sock.get(), POLLIN, 0};
-    const int ready = platform::RetryOnEintr([&] { return ::poll(&p, 1, MsLeft(deadline)); });
+    const int ready = tolv::platform::RetryOnEintr([&] { return ::poll(&p, 1, MsLeft(deadline)); });
     if (ready <= 0)
         return KxIpcStatusStreamClosed;
     std::array<uint8_t, kBootstrapReplySize + 1> bytes{};
@@ -122,8 +122,8 @@ KxIpcStatusCode KxIpclibCallBootstrap(const _GUID& endpoint, const std::vector<u
     rmsg.msg_iovlen = 1;
     rmsg.msg_control = replyControl;
     rmsg.msg_controllen = sizeof replyControl;
-    const ssize_t n = platform::RetryOnEintr([&] { return ::recvmsg(sock.get(), &rmsg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT); });
-    platform::TakeScmRights(rmsg, fds);
+    const ssize_t n = tolv::platform::RetryOnEintr([&] { return ::recvmsg(sock.get(), &rmsg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT); });
+    tolv::platform::TakeScmRights(rmsg, fds);
     if (n <= 0)
         return KxIpcStatusStreamClosed;
     if ((rmsg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||
@@ -164,7 +164,7 @@ tamsel::expected<std::unique_ptr<KxIpclibClient>, KxIpcStatusCode> KxIpclibClien
             closed->closed = true;
             closed->cv.notify_all();
         },
-        nullptr, client->m_sectionSize, platform::UniqueFd(), platform::UniqueFd());
+        nullptr, client->m_sectionSize, tolv::platform::UniqueFd(), tolv::platform::UniqueFd());
     auto stream = std::make_shared<KxIpclibStream>(link, client->m_executor, streamName, options.streamFlags, 0,
                                                    KxIpclibStreamState::Init);
     client->m_link = link;
@@ -179,7 +179,7 @@ tamsel::expected<std::unique_ptr<KxIpclibClient>, KxIpcStatusCode> KxIpclibClien
     request.clientStreamFlags = options.streamFlags.value() & 0xFFFF0000u;
     request.streamName = streamName;
     request.requestedSectionSize = options.sectionSize;
-    platform::UniqueFd pipeRead;
+    tolv::platform::UniqueFd pipeRead;
     if (request.proc == KxIpclibBootstrapProc::CreateSharedMemoryLinkV2) {
         int p[2];
         if (::pipe2(p, O_CLOEXEC) != 0)
@@ -188,7 +188,7 @@ tamsel::expected<std::unique_ptr<KxIpclibClient>, KxIpcStatusCode> KxIpclibClien
         client->m_pipeWrite.reset(p[1]);
     }
     KxIpclibBootstrapReply reply;
-    std::vector<platform::UniqueFd> fds;
+    std::vector<tolv::platform::UniqueFd> fds;
     status = KxIpclibCallBootstrap(endpoint, encodeBootstrapRequest(request), pipeRead.get(), options.callTimeout,
                                    reply, fds);
     pipeRead.reset();
@@ -214,7 +214,7 @@ tamsel::expected<std::unique_ptr<KxIpclibClient>, KxIpcStatusCode> KxIpclibClien
         raw[i] = fds[i].release();
     auto toRead = KxIpclibLinkChannelResourceLinux::adopt({raw[0], raw[1], raw[2], raw[3], raw[4]});
     auto toWrite = KxIpclibLinkChannelResourceLinux::adopt({raw[5], raw[6], raw[7], raw[8], raw[9]});
-    link->setPeer(reply.serverPid, platform::UniqueFd(raw[10]));
+    link->setPeer(reply.serverPid, tolv::platform::UniqueFd(raw[10]));
     int error = 0;
     unsigned int out = 0;
     if (link->attach(std::move(toWrite), std::move(toRead), error) != 0)

@@ -436,5 +436,5 @@ extern "C" uint32_t KxIpclibCreateSharedMemoryLinkCallback(int callSocket, const
                                                            int clientPipe)
 {
     return tamsel::ipc::KxIpclibLinkListenerRpcLinux::serveCall(callSocket, request, requestSize,
-                                                                platform::UniqueFd(clientPipe));
+                                                                tolv::platform::UniqueFd(clientPipe));
 }

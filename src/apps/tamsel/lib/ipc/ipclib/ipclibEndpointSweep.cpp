@@ -47,32 +47,32 @@ bool RefusesConnections(const std::string& path)
     if (path.size() >= sizeof addr.sun_path)
         return false;
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    platform::UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    tolv::platform::UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe)
         return false;
-    const int rc = platform::RetryOnEintr(
+    const int rc = tolv::platform::RetryOnEintr(
         [&] { return ::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr); });
     return rc != 0 && errno == ECONNREFUSED;
 }
 
 } // namespace
 
-platform::UniqueFd KxIpclibLockRuntimeDir(const std::string& runtimeDir)
+tolv::platform::UniqueFd KxIpclibLockRuntimeDir(const std::string& runtimeDir)
 {
     const std::string path = runtimeDir + "/ipclib.lock";
-    platform::UniqueFd lock(platform::RetryOnEintr(
+    tolv::platform::UniqueFd lock(tolv::platform::RetryOnEintr(
         [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); }));
     if (!lock)
         return lock;
-    if (platform::RetryOnEintr([&] { return ::flock(lock.get(), LOCK_EX); }) != 0)
-        return platform::UniqueFd();
+    if (tolv::platform::RetryOnEintr([&] { return ::flock(lock.get(), LOCK_EX); }) != 0)
+        return tolv::platform::UniqueFd();
     return lock;
 }
 
 std::vector<std::string> KxIpclibRemoveStaleEndpoints(const std::string& runtimeDir)
 {
     std::vector<std::string> removed;
-    const platform::UniqueFd lock = KxIpclibLockRuntimeDir(runtimeDir);
+    const tolv::platform::UniqueFd lock = KxIpclibLockRuntimeDir(runtimeDir);
     if (!lock)
         return removed;
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(runtimeDir.c_str()), &::closedir);

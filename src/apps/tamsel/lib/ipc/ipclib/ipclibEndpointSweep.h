@@ -17,7 +17,7 @@ namespace tamsel::ipc {
 
 // Waits for the runtime directory's lock; invalid (errno set) when the lock
 // file cannot be made or locked.
-platform::UniqueFd KxIpclibLockRuntimeDir(const std::string& runtimeDir);
+tolv::platform::UniqueFd KxIpclibLockRuntimeDir(const std::string& runtimeDir);
 
 // Removes the socket and the ready file of every endpoint of this user in
 // `runtimeDir` whose socket refuses a connection; returns those endpoints'

@@ -12,11 +12,11 @@ namespace tamsel::ipc {
 
 struct KxIpclibLinkChannelResourceLinux {
     bool valid = false;
-    platform::UniqueFd section;
-    platform::UniqueFd dataReadyEvent;
-    platform::UniqueFd bufferFreeEvent;
-    platform::UniqueFd errorEvent;
-    platform::UniqueFd stopEvent;
+    tolv::platform::UniqueFd section;
+    tolv::platform::UniqueFd dataReadyEvent;
+    tolv::platform::UniqueFd bufferFreeEvent;
+    tolv::platform::UniqueFd errorEvent;
+    tolv::platform::UniqueFd stopEvent;
 
     // The five descriptors in their wire order (for SCM_RIGHTS).
     std::array<int, 5> fds() const

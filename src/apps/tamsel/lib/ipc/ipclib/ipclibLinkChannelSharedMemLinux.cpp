@@ -32,7 +32,7 @@ size_t MappedSize(uint32_t sectionSize)
     return (static_cast<size_t>(sectionSize) + page - 1) / page * page;
 }
 
-int Duplicate(const platform::UniqueFd& fd)
+int Duplicate(const tolv::platform::UniqueFd& fd)
 {
     return ::fcntl(fd.get(), F_DUPFD_CLOEXEC, 0);
 }

@@ -51,12 +51,12 @@ private:
     static void Signal(int event);
 
     const uint32_t m_sectionSize;
-    platform::UniqueFd m_section;
+    tolv::platform::UniqueFd m_section;
     uint8_t* m_view = nullptr;
-    platform::UniqueFd m_dataReady;
-    platform::UniqueFd m_bufferFree;
-    platform::UniqueFd m_error;
-    platform::UniqueFd m_stop;
+    tolv::platform::UniqueFd m_dataReady;
+    tolv::platform::UniqueFd m_bufferFree;
+    tolv::platform::UniqueFd m_error;
+    tolv::platform::UniqueFd m_stop;
 };
 
 } // namespace tamsel::ipc

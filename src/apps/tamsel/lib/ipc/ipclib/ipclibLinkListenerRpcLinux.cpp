@@ -140,12 +140,12 @@ uint32_t KxIpclibLinkListenerRpcLinux::bindEndpoint()
     if (m_socketPath.size() >= sizeof addr.sun_path)
         return kSysInvalidEndpointFormat;
     std::memcpy(addr.sun_path, m_socketPath.c_str(), m_socketPath.size() + 1);
-    platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    tolv::platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!sock)
         return SystemStatusFromErrno(errno);
     // Bound and listening before a sweep in another process can probe it: a
     // socket bound but not yet listening refuses, like one whose server died.
-    const platform::UniqueFd dirLock = KxIpclibLockRuntimeDir(m_runtimeDir);
+    const tolv::platform::UniqueFd dirLock = KxIpclibLockRuntimeDir(m_runtimeDir);
     // The mode is set on the node as it is made.
     const mode_t old = ::umask(0777 & ~m_mode);
     int rc = ::bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
@@ -153,7 +153,7 @@ uint32_t KxIpclibLinkListenerRpcLinux::bindEndpoint()
     if (rc != 0 && err == EADDRINUSE) {
         // Another server may still be there; a refused probe means the file is
         // what a killed server left behind.
-        platform::UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        tolv::platform::UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         const bool live =
             probe && ::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
         const int probeErr = errno;

@@ -72,7 +72,7 @@ public:
     // server threads and by the registration module's callback. Returns 0 once
     // the reply is on its way, else the system status of the failed send (the
     // caller then has no link; one made for it is already taken down).
-    static uint32_t serveCall(int callSocket, const uint8_t* request, size_t requestSize, platform::UniqueFd clientPipe);
+    static uint32_t serveCall(int callSocket, const uint8_t* request, size_t requestSize, tolv::platform::UniqueFd clientPipe);
 
     bool useRpcServerModule() const { return m_flags.any(static_cast<uint32_t>(KxIpclibListenerFlagRpc::UseRpcServerModule)); }
     // 0 not registered, 1 locally, 2 through the module; guarded by the registration mutex.
@@ -88,32 +88,32 @@ private:
         uint32_t pid = 0;
         uint32_t uid = 0;
         std::string username;
-        platform::UniqueFd process;  // pidfd, unless the server may not use it
+        tolv::platform::UniqueFd process;  // pidfd, unless the server may not use it
         bool useClientPipeHandle = false;
     };
     struct Call {
-        platform::UniqueFd socket;
+        tolv::platform::UniqueFd socket;
         std::vector<uint8_t> request;
-        platform::UniqueFd clientPipe;
+        tolv::platform::UniqueFd clientPipe;
     };
     struct Pending {
-        platform::UniqueFd socket;
+        tolv::platform::UniqueFd socket;
         std::chrono::steady_clock::time_point deadline;
     };
 
     static KxIpcStatusCode getClientInfo(int callSocket, bool hasClientPipe, ClientInfo& info);
     static uint32_t getClientInfoInt(int callSocket, ClientInfo& info);
     static KxIpcStatusCode createSharedMemoryLink(int callSocket, const KxIpclibBootstrapRequest& request,
-                                                  platform::UniqueFd clientPipe, uint32_t sectionSize,
-                                                  KxIpclibBootstrapReply& reply, std::vector<platform::UniqueFd>& fds,
+                                                  tolv::platform::UniqueFd clientPipe, uint32_t sectionSize,
+                                                  KxIpclibBootstrapReply& reply, std::vector<tolv::platform::UniqueFd>& fds,
                                                   std::shared_ptr<KxIpclibLinkSharedMemLinux>& linkOut,
                                                   std::shared_ptr<KxIpclibStream>& streamOut);
     KxIpcStatusCode createSharedMemoryLinkInt(const KxIpclibBootstrapRequest& request, ClientInfo& client,
-                                              platform::UniqueFd clientPipe, uint32_t sectionSize,
-                                              KxIpclibBootstrapReply& reply, std::vector<platform::UniqueFd>& fds,
+                                              tolv::platform::UniqueFd clientPipe, uint32_t sectionSize,
+                                              KxIpclibBootstrapReply& reply, std::vector<tolv::platform::UniqueFd>& fds,
                                               std::shared_ptr<KxIpclibLinkSharedMemLinux>& linkOut,
                                               std::shared_ptr<KxIpclibStream>& streamOut);
-    KxIpcStatusCode duplicateLinkHandles(KxIpclibLinkSharedMemLinux& link, std::vector<platform::UniqueFd>& fds);
+    KxIpcStatusCode duplicateLinkHandles(KxIpclibLinkSharedMemLinux& link, std::vector<tolv::platform::UniqueFd>& fds);
 
     uint32_t bindEndpoint();
     void serverLoop();
@@ -128,10 +128,10 @@ private:
     uint32_t m_mode = 0600;
     const void* m_securityDescriptor = nullptr;
     bool m_inTable = false;
-    platform::UniqueFd m_socket;
+    tolv::platform::UniqueFd m_socket;
     dev_t m_socketDev = 0;
     ino_t m_socketIno = 0;
-    platform::UniqueFd m_wake;  // eventfd: stop, or a call slot came free
+    tolv::platform::UniqueFd m_wake;  // eventfd: stop, or a call slot came free
 
     std::mutex m_mutex;  // guards everything below
     bool m_stopping = false;

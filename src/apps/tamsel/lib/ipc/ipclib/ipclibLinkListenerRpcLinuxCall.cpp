@@ -37,12 +37,12 @@ constexpr uint32_t kMaxSectionSize = 0xFFFFF;
 
 std::string Narrow(const std::u16string& text)
 {
-    auto narrow = platform::Utf16ToUtf8(text);
+    auto narrow = tolv::platform::Utf16ToUtf8(text);
     return narrow ? *narrow : std::string("<invalid>");
 }
 
 // 0, or the system status of the failed send.
-uint32_t SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::vector<platform::UniqueFd>& fds)
+uint32_t SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::vector<tolv::platform::UniqueFd>& fds)
 {
     const auto bytes = encodeBootstrapReply(reply);
     iovec io{const_cast<uint8_t*>(bytes.data()), bytes.size()};
@@ -64,7 +64,7 @@ uint32_t SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::v
     }
     // One small datagram on a connection that carried one request always fits;
     // a caller that does not read cannot hold this thread.
-    const ssize_t n = platform::RetryOnEintr([&] { return ::sendmsg(socket, &msg, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    const ssize_t n = tolv::platform::RetryOnEintr([&] { return ::sendmsg(socket, &msg, MSG_NOSIGNAL | MSG_DONTWAIT); });
     if (n < 0)
         return SystemStatusFromErrno(errno);
     return n == static_cast<ssize_t>(bytes.size()) ? kSysSuccess : kSysCallFailed;
@@ -73,11 +73,11 @@ uint32_t SendReply(int socket, const KxIpclibBootstrapReply& reply, const std::v
 } // namespace
 
 uint32_t KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* data, size_t size,
-                                                 platform::UniqueFd clientPipe)
+                                                 tolv::platform::UniqueFd clientPipe)
 {
     KxIpclibBootstrapRequest request;
     KxIpclibBootstrapReply reply;
-    std::vector<platform::UniqueFd> fds;
+    std::vector<tolv::platform::UniqueFd> fds;
     reply.rpcStatus = parseBootstrapRequest(data, size, request);
     if (reply.rpcStatus == 0) {
         const bool v2 = request.proc == KxIpclibBootstrapProc::CreateSharedMemoryLinkV2;
@@ -132,8 +132,8 @@ uint32_t KxIpclibLinkListenerRpcLinux::serveCall(int callSocket, const uint8_t* 
 }
 
 KxIpcStatusCode KxIpclibLinkListenerRpcLinux::createSharedMemoryLink(
-    int callSocket, const KxIpclibBootstrapRequest& request, platform::UniqueFd clientPipe, uint32_t sectionSize,
-    KxIpclibBootstrapReply& reply, std::vector<platform::UniqueFd>& fds,
+    int callSocket, const KxIpclibBootstrapRequest& request, tolv::platform::UniqueFd clientPipe, uint32_t sectionSize,
+    KxIpclibBootstrapReply& reply, std::vector<tolv::platform::UniqueFd>& fds,
     std::shared_ptr<KxIpclibLinkSharedMemLinux>& linkOut, std::shared_ptr<KxIpclibStream>& streamOut)
 {
     ClientInfo client;
@@ -219,13 +219,13 @@ uint32_t KxIpclibLinkListenerRpcLinux::getClientInfoInt(int callSocket, ClientIn
 }
 
 KxIpcStatusCode KxIpclibLinkListenerRpcLinux::createSharedMemoryLinkInt(
-    const KxIpclibBootstrapRequest& request, ClientInfo& client, platform::UniqueFd clientPipe, uint32_t sectionSize,
-    KxIpclibBootstrapReply& reply, std::vector<platform::UniqueFd>& fds,
+    const KxIpclibBootstrapRequest& request, ClientInfo& client, tolv::platform::UniqueFd clientPipe, uint32_t sectionSize,
+    KxIpclibBootstrapReply& reply, std::vector<tolv::platform::UniqueFd>& fds,
     std::shared_ptr<KxIpclibLinkSharedMemLinux>& linkOut, std::shared_ptr<KxIpclibStream>& streamOut)
 {
     KXIPC_TRACE(Listener, "> ep: {}, streamName: {}, clientLinkId: {:#x}, clientStreamId: {:#x}, clientPid: {}",
                 m_endpoint, Narrow(request.streamName), request.clientLinkId, request.clientStreamId, client.pid);
-    platform::UniqueFd peerProcess, peerPipe;
+    tolv::platform::UniqueFd peerProcess, peerPipe;
     if (client.useClientPipeHandle)
         peerPipe = std::move(clientPipe);
     else
@@ -284,7 +284,7 @@ KxIpcStatusCode KxIpclibLinkListenerRpcLinux::createSharedMemoryLinkInt(
 }
 
 KxIpcStatusCode KxIpclibLinkListenerRpcLinux::duplicateLinkHandles(KxIpclibLinkSharedMemLinux& link,
-                                                                   std::vector<platform::UniqueFd>& fds)
+                                                                   std::vector<tolv::platform::UniqueFd>& fds)
 {
     KXIPC_TRACE(Listener, "> ep: {}", m_endpoint);
     fds.clear();
@@ -296,7 +296,7 @@ KxIpcStatusCode KxIpclibLinkListenerRpcLinux::duplicateLinkHandles(KxIpclibLinkS
         KXIPC_TRACE(Listener, "< status: {}", KxIpcStatusUnexpected);
         return KxIpcStatusUnexpected;
     }
-    platform::UniqueFd self(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
+    tolv::platform::UniqueFd self(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
     if (!self) {
         KXIPC_TRACE(Listener, "< error: {}", errno);
         return KxIpcStatusUnexpected;

@@ -72,7 +72,7 @@ void KxIpclibLinkListenerRpcLinux::serverLoop()
             const int ms = static_cast<int>(std::clamp<int64_t>(left + 1, 0, INT32_MAX));
             timeoutMs = timeoutMs < 0 ? ms : std::min(timeoutMs, ms);
         }
-        if (platform::RetryOnEintr([&] { return ::poll(fds.data(), fds.size(), timeoutMs); }) < 0)
+        if (tolv::platform::RetryOnEintr([&] { return ::poll(fds.data(), fds.size(), timeoutMs); }) < 0)
             continue;
         if (fds[0].revents & POLLIN) {
             uint64_t value;
@@ -98,7 +98,7 @@ void KxIpclibLinkListenerRpcLinux::serverLoop()
         if (fds[1].revents & POLLIN) {
             const auto deadline = after + std::chrono::milliseconds(g_callTimeoutMs.load());
             for (;;) {
-                platform::UniqueFd conn(::accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+                tolv::platform::UniqueFd conn(::accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
                 if (!conn)
                     break;
                 if (pending.size() == kMaxPendingConnections)
@@ -126,8 +126,8 @@ bool KxIpclibLinkListenerRpcLinux::receiveRequest(Pending& pending)
         return false;
     if (n <= 0)
         return true;  // end of connection or error: nothing to answer
-    std::vector<platform::UniqueFd> received;
-    platform::TakeScmRights(msg, received);
+    std::vector<tolv::platform::UniqueFd> received;
+    tolv::platform::TakeScmRights(msg, received);
     Call call{std::move(pending.socket), {}, {}};
     const bool truncated = (msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||
                            static_cast<size_t>(n) > kBootstrapMaxRequestSize;

@@ -28,8 +28,8 @@ KxIpclibLinkSharedMemLinux::KxIpclibLinkSharedMemLinux(const _GUID& endpoint, ui
                                                        const std::u16string& linkName, uint32_t peerProcessId,
                                                        std::function<void(KxIpclibLink&)> onLinkClosed,
                                                        const std::shared_ptr<KxIpclibLinkListener>& linkListener,
-                                                       uint32_t sectionSize, platform::UniqueFd peerProcess,
-                                                       platform::UniqueFd peerPipe)
+                                                       uint32_t sectionSize, tolv::platform::UniqueFd peerProcess,
+                                                       tolv::platform::UniqueFd peerPipe)
     : KxIpclibLink(endpoint, linkFlags, linkName, peerProcessId, std::move(onLinkClosed), linkListener),
       m_sectionSize(sectionSize),
       m_peerProcess(std::move(peerProcess)),
@@ -73,7 +73,7 @@ int KxIpclibLinkSharedMemLinux::attach(KxIpclibLinkChannelResourceLinux sendToPe
     return 0;
 }
 
-void KxIpclibLinkSharedMemLinux::setPeer(uint32_t peerProcessId, platform::UniqueFd peerProcess)
+void KxIpclibLinkSharedMemLinux::setPeer(uint32_t peerProcessId, tolv::platform::UniqueFd peerProcess)
 {
     LinkLock lock(m_lock);
     m_peerProcessId = peerProcessId;
@@ -226,7 +226,7 @@ KxIpcStatusCode KxIpclibLinkSharedMemLinux::recv(KxIpclibStreamMap& streamsTouch
         for (size_t i = 0; i < sizeof header; ++i)
             header[i] = section[i];
         KXIPC_TRACE(Link, "linkId: {:#x}, trxSeqNo: {}, trxSize: {:#x}", m_linkId,
-                    platform::LoadLe<uint64_t>(header + 8), platform::LoadLe<uint32_t>(header + 20));
+                    tolv::platform::LoadLe<uint64_t>(header + 8), tolv::platform::LoadLe<uint32_t>(header + 20));
     }
     KxIpcStatusCode status =
         readTransfer(m_recvChannel->view(), m_sectionSize, m_recvStorage.buffer.get(), m_recvSeqNo,
@@ -331,9 +331,9 @@ void KxIpclibLinkSharedMemLinux::performDeferredSend(LinkLock& lock)
         while (!local.empty() && room() > KxIpclibMinBlockRoom) {
             auto& msg = local.front();
             const uint32_t length = writeBlock(*msg, unit + used, m_sectionSize - used);
-            const bool last = platform::LoadLe<uint32_t>(unit + used + 4) & KxIpclibBlockLast;
+            const bool last = tolv::platform::LoadLe<uint32_t>(unit + used + 4) & KxIpclibBlockLast;
             m_bytesSent += length;
-            m_payloadBytesSent += platform::LoadLe<uint32_t>(unit + used + 32);
+            m_payloadBytesSent += tolv::platform::LoadLe<uint32_t>(unit + used + 32);
             used += length;
             ++blockCount;
             if (last) {

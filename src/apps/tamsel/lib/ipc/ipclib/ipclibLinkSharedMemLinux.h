@@ -32,7 +32,7 @@ public:
     KxIpclibLinkSharedMemLinux(const _GUID& endpoint, uint32_t linkFlags, const std::u16string& linkName,
                                uint32_t peerProcessId, std::function<void(KxIpclibLink&)> onLinkClosed,
                                const std::shared_ptr<KxIpclibLinkListener>& linkListener, uint32_t sectionSize,
-                               platform::UniqueFd peerProcess, platform::UniqueFd peerPipe);
+                               tolv::platform::UniqueFd peerProcess, tolv::platform::UniqueFd peerPipe);
     ~KxIpclibLinkSharedMemLinux() override;
 
     // The side that sets the link up makes both channels: 0, or 1 with errno.
@@ -42,7 +42,7 @@ public:
     int attach(KxIpclibLinkChannelResourceLinux sendToPeer, KxIpclibLinkChannelResourceLinux recvFromPeer,
                int& errorCode);
     // A client names its peer once the bootstrap reply has told it; before start.
-    void setPeer(uint32_t peerProcessId, platform::UniqueFd peerProcess);
+    void setPeer(uint32_t peerProcessId, tolv::platform::UniqueFd peerProcess);
     const std::shared_ptr<KxIpclibLinkChannelSharedMemLinux>& sendChannel() const { return m_sendChannel; }
     const std::shared_ptr<KxIpclibLinkChannelSharedMemLinux>& recvChannel() const { return m_recvChannel; }
 
@@ -79,8 +79,8 @@ private:
     std::shared_ptr<tamsel::task::WtpWaitTaskContext> m_peerErrorWait;
     std::shared_ptr<tamsel::task::WtpWaitTaskContext> m_peerStopWait;
     std::shared_ptr<tamsel::task::WtpWaitTaskContext> m_peerExitWait;
-    platform::UniqueFd m_peerProcess;
-    platform::UniqueFd m_peerPipe;
+    tolv::platform::UniqueFd m_peerProcess;
+    tolv::platform::UniqueFd m_peerPipe;
     // 0 none, 1 the peer stopped, 2 the peer reported an error, 3 the peer went
     // away: the peer already knows, so it is not signalled back.
     uint32_t m_stopReason = 0;

@@ -215,9 +215,9 @@ tamsel::expected<std::shared_ptr<KxIpclibStream>, KxIpcStatusCode> KxIpclibStrea
     // "Open" payload: the name's byte length, then the name in UTF-16LE. The
     // bytes live in the completion, which the message keeps until it is sent.
     auto payload = std::make_shared<std::vector<uint8_t>>(4 + 2 * name.size());
-    platform::StoreLe<uint32_t>(payload->data(), static_cast<uint32_t>(2 * name.size()));
+    tolv::platform::StoreLe<uint32_t>(payload->data(), static_cast<uint32_t>(2 * name.size()));
     for (size_t i = 0; i < name.size(); ++i)
-        platform::StoreLe<uint16_t>(payload->data() + 4 + 2 * i, name[i]);
+        tolv::platform::StoreLe<uint16_t>(payload->data() + 4 + 2 * i, name[i]);
     auto msg = std::make_shared<KxIpclibMsg>(KxIpclibMsgType::Open, flags.value() & kStreamFlagsMask, 0, nullptr,
                                              stream->m_streamId, 0, static_cast<uint32_t>(payload->size()),
                                              payload->data(),

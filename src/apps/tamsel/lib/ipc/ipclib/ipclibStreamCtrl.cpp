@@ -67,10 +67,10 @@ void KxIpclibStreamCtrl::onRecv(KxIpcStatusCode, const std::shared_ptr<KxIpclibM
     }
     // The stream checked the payload when the message was complete: the name
     // lies inside the message.
-    const uint32_t nameLength = platform::LoadLe<uint32_t>(msg->data());
+    const uint32_t nameLength = tolv::platform::LoadLe<uint32_t>(msg->data());
     std::u16string name(nameLength / 2, u'\0');
     for (size_t i = 0; i < name.size(); ++i)
-        name[i] = static_cast<char16_t>(platform::LoadLe<uint16_t>(msg->data() + 4 + 2 * i));
+        name[i] = static_cast<char16_t>(tolv::platform::LoadLe<uint16_t>(msg->data() + 4 + 2 * i));
 
     auto stream = std::make_shared<KxIpclibStream>(link, m_executor, std::move(name),
                                                    Flags<KxIpclibStreamFlag>(msg->flags() & 0xFFFF0000u),

@@ -21,7 +21,7 @@ bool ValidOpenPayload(const KxIpclibMsg& msg)
 {
     if (msg.size() < 5 || msg.data() == nullptr)
         return false;
-    const uint32_t nameLength = platform::LoadLe<uint32_t>(msg.data());
+    const uint32_t nameLength = tolv::platform::LoadLe<uint32_t>(msg.data());
     return nameLength >= 2 && nameLength <= msg.size() - 4;
 }
 

@@ -7,8 +7,8 @@
 #include <array>
 #include <cstring>
 
-using platform::LoadLe;
-using platform::StoreLe;
+using tolv::platform::LoadLe;
+using tolv::platform::StoreLe;
 
 namespace tamsel::ipc {
 

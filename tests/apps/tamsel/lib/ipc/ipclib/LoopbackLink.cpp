@@ -64,7 +64,7 @@ void LoopbackLink::performDeferredSend(LinkLock& lock)
         while (!m_sendQueue.empty() && m_unitRoom - used > KxIpclibMinBlockRoom) {
             auto& msg = m_sendQueue.front();
             const uint32_t written = writeBlock(*msg, unit.data() + used, m_unitRoom - used);
-            const bool last = platform::LoadLe<uint32_t>(unit.data() + used + 4) & KxIpclibBlockLast;
+            const bool last = tolv::platform::LoadLe<uint32_t>(unit.data() + used + 4) & KxIpclibBlockLast;
             used += written;
             if (last) {
                 done.push_back(std::move(msg));

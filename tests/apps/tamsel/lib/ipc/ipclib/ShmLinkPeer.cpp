@@ -42,11 +42,11 @@ int main(int argc, char** argv)
     KxIpclibLinkChannelResourceLinux creatorSend, creatorRecv;
     if (!ReceiveHandOver(socket, header, creatorSend, creatorRecv))
         return 2;
-    platform::UniqueFd parent(static_cast<int>(::syscall(SYS_pidfd_open, ::getppid(), 0)));
+    tolv::platform::UniqueFd parent(static_cast<int>(::syscall(SYS_pidfd_open, ::getppid(), 0)));
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"peer", static_cast<uint32_t>(::getppid()),
                                                              nullptr, nullptr, header.sectionSize, std::move(parent),
-                                                             platform::UniqueFd());
+                                                             tolv::platform::UniqueFd());
     int error = 0;
     // What the creator sends on, this side receives on, and the reverse.
     if (link->attach(std::move(creatorRecv), std::move(creatorSend), error) != 0 || link->connecting() != 0)

@@ -41,11 +41,11 @@ TEST(IpclibBootstrapWire, BothProceduresRoundTripWithTheDocumentedLayout)
         // Header, then the counted name (version 1) or the terminated one (version 2), then the size.
         const size_t name = proc == KxIpclibBootstrapProc::CreateSharedMemoryLink ? 4 + 2 * 12 : 2 * 12 + 2;
         ASSERT_EQ(bytes.size(), kBootstrapRequestHeaderSize + name + 4);
-        EXPECT_EQ(platform::LoadLe<uint32_t>(bytes.data()), static_cast<uint32_t>(proc));
-        EXPECT_EQ(platform::LoadLe<uint32_t>(bytes.data() + 4), 0x875ac244u);
+        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(bytes.data()), static_cast<uint32_t>(proc));
+        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(bytes.data() + 4), 0x875ac244u);
         EXPECT_EQ(bytes[12], 0x90);
-        EXPECT_EQ(platform::LoadLe<uint64_t>(bytes.data() + 24), in.clientLinkId);
-        EXPECT_EQ(platform::LoadLe<uint64_t>(bytes.data() + 36), in.clientStreamId);
+        EXPECT_EQ(tolv::platform::LoadLe<uint64_t>(bytes.data() + 24), in.clientLinkId);
+        EXPECT_EQ(tolv::platform::LoadLe<uint64_t>(bytes.data() + 36), in.clientStreamId);
         KxIpclibBootstrapRequest out;
         ASSERT_EQ(Parse(bytes, out), 0u);
         EXPECT_EQ(out.proc, proc);
@@ -80,7 +80,7 @@ TEST(IpclibBootstrapWire, ProcedureNumbersAndNameLengthsOutOfRange)
     KxIpclibBootstrapRequest out;
     auto bytes = encodeBootstrapRequest(Sample(KxIpclibBootstrapProc::CreateSharedMemoryLinkV2));
     for (uint32_t proc : {2u, 7u, 0xFFFFFFFFu}) {
-        platform::StoreLe<uint32_t>(bytes.data(), proc);
+        tolv::platform::StoreLe<uint32_t>(bytes.data(), proc);
         EXPECT_EQ(Parse(bytes, out), kRpcStatusProcNumOutOfRange);
     }
 
@@ -95,7 +95,7 @@ TEST(IpclibBootstrapWire, ProcedureNumbersAndNameLengthsOutOfRange)
     // A count that claims more than the datagram holds.
     r.streamName = u"abc";
     auto lying = encodeBootstrapRequest(r);
-    platform::StoreLe<uint32_t>(lying.data() + kBootstrapRequestHeaderSize, 200);
+    tolv::platform::StoreLe<uint32_t>(lying.data() + kBootstrapRequestHeaderSize, 200);
     EXPECT_EQ(Parse(lying, out), kRpcStatusBadStubData);
 
     auto v2 = Sample(KxIpclibBootstrapProc::CreateSharedMemoryLinkV2);
@@ -136,7 +136,7 @@ TEST(IpclibBootstrapWire, ReplyRoundTripsAndOnlyItsExactSizeParses)
     in.status = KxIpcStatusAccessDenied;
     const auto bytes = encodeBootstrapReply(in);
     ASSERT_EQ(bytes.size(), kBootstrapReplySize);
-    EXPECT_EQ(platform::LoadLe<uint32_t>(bytes.data() + kBootstrapReplySize - 4), 7u);
+    EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(bytes.data() + kBootstrapReplySize - 4), 7u);
     KxIpclibBootstrapReply out;
     ASSERT_TRUE(parseBootstrapReply(bytes.data(), bytes.size(), out));
     EXPECT_EQ(out.serverLinkId, in.serverLinkId);

@@ -89,7 +89,7 @@ struct EchoServer {
 struct PeerLink {
     std::shared_ptr<TestLinkListener> listener;
     std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
-    platform::UniqueFd control;
+    tolv::platform::UniqueFd control;
     pid_t peer = -1;
     std::shared_ptr<Counter> closed = std::make_shared<Counter>();
 
@@ -98,10 +98,10 @@ struct PeerLink {
     {
         int pair[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-        platform::UniqueFd ours(pair[0]);
-        platform::UniqueFd theirs(pair[1]);
+        tolv::platform::UniqueFd ours(pair[0]);
+        tolv::platform::UniqueFd theirs(pair[1]);
         // The peer's end must survive exec: a copy without close-on-exec.
-        platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
+        tolv::platform::UniqueFd inherited(::fcntl(theirs.get(), F_DUPFD, 0));
         const std::string path = TOLV_SHM_PEER_PATH;
         const std::string fd = std::to_string(inherited.get());
         char* argv[] = {const_cast<char*>(path.c_str()), const_cast<char*>(fd.c_str()), nullptr};
@@ -110,12 +110,12 @@ struct PeerLink {
         theirs.reset();
 
         listener = std::make_shared<TestLinkListener>(executor, std::move(handler));
-        platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0)));
+        tolv::platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, peer, 0)));
         ASSERT_TRUE(pidfd);
         link = std::make_shared<KxIpclibLinkSharedMemLinux>(
             _GUID{}, 0, u"test", static_cast<uint32_t>(peer), [closed = closed](KxIpclibLink&) { closed->add(); },
             listener,
-            kSection, std::move(pidfd), platform::UniqueFd());
+            kSection, std::move(pidfd), tolv::platform::UniqueFd());
         int error = 0;
         ASSERT_EQ(link->create(error), 0) << error;
         KxIpclibLinkChannelResourceLinux send, recv;
@@ -189,7 +189,7 @@ protected:
     std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
     std::shared_ptr<TestLinkListener> listener;
     std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
-    platform::UniqueFd control;
+    tolv::platform::UniqueFd control;
     pid_t peer = -1;
     std::shared_ptr<Counter> closed = std::make_shared<Counter>();
     // Lives as long as the fixture: its receive functions may run until TearDown
@@ -360,7 +360,7 @@ protected:
         ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
         pipeWrite.reset(fds[1]);
         link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"by-hand", 1, nullptr, nullptr, kSection,
-                                                            platform::UniqueFd(), platform::UniqueFd(fds[0]));
+                                                            tolv::platform::UniqueFd(), tolv::platform::UniqueFd(fds[0]));
         ASSERT_NO_FATAL_FAILURE(CreateAndHandOver(*link, peerReads, peerWrites));
     }
 
@@ -372,7 +372,7 @@ protected:
 
     std::shared_ptr<tamsel::task::LinuxThreadPoolExecutor> executor;
     std::shared_ptr<KxIpclibLinkSharedMemLinux> link;
-    platform::UniqueFd pipeWrite;
+    tolv::platform::UniqueFd pipeWrite;
     KxIpclibLinkChannelSharedMemLinux peerReads{kSection};
     KxIpclibLinkChannelSharedMemLinux peerWrites{kSection};
 };
@@ -494,9 +494,9 @@ TEST(ShmLinkStart, ASectionTooSmallForOneBlockFailsAtTheFirstSend)
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
-    platform::UniqueFd pipeWrite(fds[1]);
+    tolv::platform::UniqueFd pipeWrite(fds[1]);
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"tiny", 1, nullptr, nullptr, kTiny,
-                                                             platform::UniqueFd(), platform::UniqueFd(fds[0]));
+                                                             tolv::platform::UniqueFd(), tolv::platform::UniqueFd(fds[0]));
     auto peerReads = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
     auto peerWrites = std::make_unique<KxIpclibLinkChannelSharedMemLinux>(kTiny);
     ASSERT_NO_FATAL_FAILURE(CreateAndHandOver(*link, *peerReads, *peerWrites));
@@ -537,7 +537,7 @@ TEST(ShmLinkStart, WithoutAPeerToWatchTheLinkDoesNotStart)
     const size_t descriptors = OpenDescriptors();
     auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
     auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"x", 1, nullptr, nullptr, kSection,
-                                                             platform::UniqueFd(), platform::UniqueFd());
+                                                             tolv::platform::UniqueFd(), tolv::platform::UniqueFd());
     int error = 0;
     ASSERT_EQ(link->create(error), 0);
     ASSERT_EQ(link->connecting(), KxIpcStatusSuccess);

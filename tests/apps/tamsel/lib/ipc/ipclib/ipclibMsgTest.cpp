@@ -10,7 +10,7 @@
 #include <vector>
 
 using namespace tamsel::ipc;
-using platform::LoadLe;
+using tolv::platform::LoadLe;
 
 namespace {
 
@@ -138,15 +138,15 @@ std::vector<uint8_t> RawBlock(uint32_t type, uint32_t flags, uint64_t dest, uint
                               uint32_t payloadLength, size_t bufferSize)
 {
     std::vector<uint8_t> raw(bufferSize, 0xEE);
-    platform::StoreLe<uint32_t>(raw.data() + 0, type);
-    platform::StoreLe<uint32_t>(raw.data() + 4, flags);
-    platform::StoreLe<uint32_t>(raw.data() + 8, 0);
-    platform::StoreLe<uint64_t>(raw.data() + 12, 0x53);
-    platform::StoreLe<uint64_t>(raw.data() + 20, dest);
-    platform::StoreLe<uint32_t>(raw.data() + 28, blockLength);
-    platform::StoreLe<uint32_t>(raw.data() + 32, payloadLength);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 0, type);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 4, flags);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 8, 0);
+    tolv::platform::StoreLe<uint64_t>(raw.data() + 12, 0x53);
+    tolv::platform::StoreLe<uint64_t>(raw.data() + 20, dest);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 28, blockLength);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 32, payloadLength);
     if (raw.size() >= 40 && (flags & 1))
-        platform::StoreLe<uint32_t>(raw.data() + 36, payloadLength);
+        tolv::platform::StoreLe<uint32_t>(raw.data() + 36, payloadLength);
     return raw;
 }
 

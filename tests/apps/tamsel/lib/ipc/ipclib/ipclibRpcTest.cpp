@@ -192,7 +192,7 @@ protected:
 // A raw bootstrap call from this process.
 struct RawCall {
     KxIpclibBootstrapReply reply;
-    std::vector<platform::UniqueFd> fds;
+    std::vector<tolv::platform::UniqueFd> fds;
     KxIpcStatusCode transport = KxIpcStatusUnexpected;
 };
 
@@ -293,7 +293,7 @@ TEST_F(RpcBootstrap, ListenerFlagsStatesAndTheOrderOfCalls)
     EXPECT_EQ(KxIpclibWaitForReady(ep, 50ms), KxIpcStatusNotFound);
     int pipe[2];
     ASSERT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
-    platform::UniqueFd pr(pipe[0]), pw(pipe[1]);
+    tolv::platform::UniqueFd pr(pipe[0]), pw(pipe[1]);
     auto early_call = Call(ep, encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2)), pr.get());
     ASSERT_EQ(early_call.transport, KxIpcStatusSuccess);
     EXPECT_EQ(early_call.reply.status, KxIpcStatusInvalidState);
@@ -339,14 +339,14 @@ TEST_F(RpcBootstrap, HostileCallersNeitherCrashNorStallTheServerAndLeakNothing)
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
     // Callers that connect and never send.
-    std::vector<platform::UniqueFd> silent;
+    std::vector<tolv::platform::UniqueFd> silent;
     for (int i = 0; i < 64; ++i) {
         silent.emplace_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         ASSERT_EQ(::connect(silent.back().get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     }
     int p[2];
     ASSERT_EQ(::pipe2(p, O_CLOEXEC), 0);
-    platform::UniqueFd pr(p[0]), pw(p[1]);
+    tolv::platform::UniqueFd pr(p[0]), pw(p[1]);
     const auto v2 = encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2));
     const auto v1 = encodeBootstrapRequest(Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLink));
 
@@ -369,7 +369,7 @@ TEST_F(RpcBootstrap, HostileCallersNeitherCrashNorStallTheServerAndLeakNothing)
     expectRpc(v2, silent[0].get(), kRpcStatusBadStubData, "a socket where the pipe belongs");
     {
         // Several descriptors at once: refused, and every one closed on the server.
-        platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        tolv::platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         ASSERT_EQ(::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         int three[3] = {pr.get(), pr.get(), pw.get()};
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof three)] = {};
@@ -421,7 +421,7 @@ TEST_F(RpcBootstrap, ACallerThatSendsNothingIsDroppedAfterTheCallTimeOut)
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    tolv::platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     ASSERT_EQ(::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     pollfd wait{sock.get(), POLLIN, 0};
     ASSERT_EQ(::poll(&wait, 1, 30000), 1);
@@ -498,7 +498,7 @@ TEST_F(RpcBootstrap, TheCallersLinkIdVersionAndWholeFlagsAreKeptAndAnySectionSiz
     StartServer();
     int p[2];
     ASSERT_EQ(::pipe2(p, O_CLOEXEC), 0);
-    platform::UniqueFd pipeRead(p[0]), pipeWrite(p[1]);
+    tolv::platform::UniqueFd pipeRead(p[0]), pipeWrite(p[1]);
     auto request = Request(ep, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2, 100);
     request.clientVersion = 3;
     request.clientLinkId = 0x4C00ABCD00000007ull;
@@ -670,7 +670,7 @@ TEST_F(RpcRegistration, TheCallbackReportsAReplyThatCouldNotBeSent)
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
     auto deafCall = [&](const std::vector<uint8_t>& bytes) {
-        platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        tolv::platform::UniqueFd sock(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         EXPECT_EQ(::connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         EXPECT_EQ(::shutdown(sock.get(), SHUT_RD), 0);
         EXPECT_EQ(::send(sock.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));

@@ -481,14 +481,14 @@ std::vector<uint8_t> Block(KxIpclibMsgType type, uint32_t blockFlags, uint64_t s
 {
     const uint32_t header = (blockFlags & KxIpclibBlockFirst) ? 40 : 36;
     std::vector<uint8_t> raw(header + payload.size());
-    platform::StoreLe<uint32_t>(raw.data() + 0, static_cast<uint32_t>(type));
-    platform::StoreLe<uint32_t>(raw.data() + 4, blockFlags);
-    platform::StoreLe<uint64_t>(raw.data() + 12, src);
-    platform::StoreLe<uint64_t>(raw.data() + 20, dest);
-    platform::StoreLe<uint32_t>(raw.data() + 28, static_cast<uint32_t>(raw.size()));
-    platform::StoreLe<uint32_t>(raw.data() + 32, static_cast<uint32_t>(payload.size()));
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 0, static_cast<uint32_t>(type));
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 4, blockFlags);
+    tolv::platform::StoreLe<uint64_t>(raw.data() + 12, src);
+    tolv::platform::StoreLe<uint64_t>(raw.data() + 20, dest);
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 28, static_cast<uint32_t>(raw.size()));
+    tolv::platform::StoreLe<uint32_t>(raw.data() + 32, static_cast<uint32_t>(payload.size()));
     if (header == 40)
-        platform::StoreLe<uint32_t>(raw.data() + 36, totalSize);
+        tolv::platform::StoreLe<uint32_t>(raw.data() + 36, totalSize);
     std::copy(payload.begin(), payload.end(), raw.begin() + header);
     return raw;
 }
@@ -506,7 +506,7 @@ std::vector<uint8_t> OpenPayload(uint32_t nameLength, size_t size)
 {
     std::vector<uint8_t> payload(size, 'a');
     if (size >= 4)
-        platform::StoreLe<uint32_t>(payload.data(), nameLength);
+        tolv::platform::StoreLe<uint32_t>(payload.data(), nameLength);
     return payload;
 }
 
@@ -607,9 +607,9 @@ TEST_F(StreamPair, AHostileUnitFailsTheLinkAndAControlMessageOtherThanOpenIsCont
     auto unit = Block(KxIpclibMsgType::Msg, 3, 5, 0, Bytes(8, 0), 8);
     const std::u16string name = u"tolvCommands";
     std::vector<uint8_t> openPayload(4 + name.size() * 2);
-    platform::StoreLe<uint32_t>(openPayload.data(), static_cast<uint32_t>(name.size() * 2));
+    tolv::platform::StoreLe<uint32_t>(openPayload.data(), static_cast<uint32_t>(name.size() * 2));
     for (size_t i = 0; i < name.size(); ++i)
-        platform::StoreLe<uint16_t>(openPayload.data() + 4 + 2 * i, name[i]);
+        tolv::platform::StoreLe<uint16_t>(openPayload.data() + 4 + 2 * i, name[i]);
     const auto open = Block(KxIpclibMsgType::Open, 3, 6, 0, openPayload, static_cast<uint32_t>(openPayload.size()));
     unit.insert(unit.end(), open.begin(), open.end());
     server->injectUnit(unit);

@@ -124,7 +124,7 @@ Read ReadOne(const std::vector<uint8_t>& section, uint64_t& recvSeqNo)
 void Put32(std::vector<uint8_t>& section, size_t offset, uint32_t value)
 {
     uint8_t bytes[4];
-    platform::StoreLe<uint32_t>(bytes, value);
+    tolv::platform::StoreLe<uint32_t>(bytes, value);
     for (size_t i = 0; i < 4; ++i)
         section.at(offset + i) = bytes[i];
 }
@@ -132,9 +132,9 @@ void Put32(std::vector<uint8_t>& section, size_t offset, uint32_t value)
 // Rewrites the CRC after a deliberate change, so that the change itself is what is judged.
 void Reseal(std::vector<uint8_t>& section)
 {
-    const uint32_t size = platform::LoadLe<uint32_t>(section.data() + 20);
-    platform::StoreLe<uint32_t>(section.data() + 4, 0);
-    platform::StoreLe<uint32_t>(section.data() + 4, kxCrc32Bytewise(section.data(), std::min<uint32_t>(size, kSection)));
+    const uint32_t size = tolv::platform::LoadLe<uint32_t>(section.data() + 20);
+    tolv::platform::StoreLe<uint32_t>(section.data() + 4, 0);
+    tolv::platform::StoreLe<uint32_t>(section.data() + 4, kxCrc32Bytewise(section.data(), std::min<uint32_t>(size, kSection)));
 }
 
 } // namespace
@@ -144,7 +144,7 @@ TEST(KxIpclibTransfer, BlocksComeOutAsTheyWentIn)
     // An empty message is one block of header alone, and valid.
     const std::vector<std::vector<uint8_t>> messages = {Random(1, 1), {}, Random(500, 2), Random(3000, 3)};
     const auto section = Transfer(messages, 1);
-    EXPECT_EQ(platform::LoadLe<uint32_t>(section.data() + KxIpclibTransferHeaderSize + 41 + 28), 40u);
+    EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(section.data() + KxIpclibTransferHeaderSize + 41 + 28), 40u);
     uint64_t recvSeqNo = 0;
     auto first = ReadOne(Transfer(messages, 1), recvSeqNo);
     EXPECT_EQ(first.status, KxIpcStatusSuccess);
