@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 namespace {
 
 double CallsPerSecond(int threads, int callsPerThread, int32_t level)

@@ -35,6 +35,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::log;
+
 extern char** environ;
 
 using namespace tamsel::ipc;

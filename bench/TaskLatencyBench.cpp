@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 using Clock = std::chrono::steady_clock;
 using tamsel::task::LinuxThreadPoolExecutor;
 

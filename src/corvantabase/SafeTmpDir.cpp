@@ -13,6 +13,8 @@
 #include <cstring>
 #include <string>
 
+using namespace tolv::log;
+
 namespace {
 
 constexpr const char* kFunction = "File_GetSafeTmpDir()";

@@ -2,6 +2,8 @@
 
 #include "log/LogMessageCache.h"
 
+namespace tolv::log {
+
 BlockReleaseTimer::BlockReleaseTimer(LogMessageCache& cache)
     : LxPollItem("LogMessageCache::BlockReleaseTimer", kIntervalMs), m_cache(cache)
 {
@@ -12,3 +14,5 @@ bool BlockReleaseTimer::Run(bool /*signalled*/)
     m_cache.OnBlockReleaseTimer();
     return true;
 }
+
+} // namespace tolv::log

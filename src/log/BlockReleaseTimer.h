@@ -4,6 +4,8 @@
 
 #include "support/LxPollItem.h"
 
+namespace tolv::log {
+
 class LogMessageCache;
 
 class BlockReleaseTimer final : public LxPollItem {
@@ -17,3 +19,5 @@ public:
 private:
     LogMessageCache& m_cache;
 };
+
+} // namespace tolv::log

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 
+namespace tolv::log {
+
 inline bool WriteConsoleText(FILE* stream, const char* text, int32_t length)
 {
     if (length <= 0)
@@ -12,3 +14,5 @@ inline bool WriteConsoleText(FILE* stream, const char* text, int32_t length)
     const size_t written = fwrite(text, 1, static_cast<size_t>(length), stream);
     return fflush(stream) == 0 && written == static_cast<size_t>(length);
 }
+
+} // namespace tolv::log

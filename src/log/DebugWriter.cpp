@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+namespace tolv::log {
+
 DebugWriter::DebugWriter() : LogWriter(kDebugWriter) {}
 
 void DebugWriter::SetAttachedQuery(AttachedQuery query)
@@ -82,3 +84,5 @@ bool DebugWriter::DebuggerAttached()
     close(fd);
     return TracerPidIn(std::string_view(text, length)) != 0;
 }
+
+} // namespace tolv::log

@@ -10,6 +10,8 @@
 
 #include <string_view>
 
+namespace tolv::log {
+
 class DebugWriter final : public LogWriter {
 public:
     // Tells whether a debugger is attached; replaceable for tests.
@@ -35,3 +37,5 @@ private:
     bool m_checked = false;      // guarded by the logging lock
     bool m_attached = false;     // guarded by the logging lock
 };
+
+} // namespace tolv::log

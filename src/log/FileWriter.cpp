@@ -27,6 +27,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace tolv::log {
+
 namespace {
 
 constexpr const char* kProduct = "veltrane";
@@ -277,3 +279,4 @@ bool FileWriter::Close()
     return true;
 }
 
+} // namespace tolv::log

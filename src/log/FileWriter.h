@@ -33,6 +33,8 @@
 #include <set>
 #include <string>
 
+namespace tolv::log {
+
 class FileWriter final : public LogWriter {
 public:
     static constexpr uint32_t kUnsetFileSize = 0xFFFFFFFF;
@@ -155,3 +157,5 @@ private:
     LxEvent m_deleteEvent;
     RCPtr<PollDeleteLogFiles> m_deleteJob;
 };
+
+} // namespace tolv::log

@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace tolv::log {
+
 // `name` inside `folder`, which may or may not end in a separator.
 inline std::string JoinPath(const std::string& folder, const std::string& name)
 {
@@ -11,3 +13,5 @@ inline std::string JoinPath(const std::string& folder, const std::string& name)
         return folder + name;
     return folder + "/" + name;
 }
+
+} // namespace tolv::log

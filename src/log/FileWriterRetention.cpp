@@ -22,6 +22,8 @@
 #include <algorithm>
 #include <cerrno>
 
+namespace tolv::log {
+
 namespace {
 
 constexpr int64_t kMaxSaneAge = 864000000;
@@ -259,3 +261,5 @@ void FileWriter::ScanLogFilesDone(bool interrupted)
     m_foundFiles.clear();
     m_iterator.reset();
 }
+
+} // namespace tolv::log

@@ -19,6 +19,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace tolv::log {
+
 namespace {
 
 constexpr uint64_t kMB = 1048576;
@@ -160,3 +162,4 @@ void FileWriter::CheckDiskSpace()
     }
 }
 
+} // namespace tolv::log

@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+namespace tolv::log {
+
 FunctionTrace::FunctionTrace(int32_t level, const char* functionName, RCPtr<Logger> logger, const char* format, ...)
     : m_functionName(functionName), m_enterLevel(level), m_exitLevel(level), m_logger(std::move(logger))
 {
@@ -67,3 +69,5 @@ void FunctionTrace::Write(int32_t level, const char* format, ...)
     m_logger->Log(m_functionName, level, format, args);
     va_end(args);
 }
+
+} // namespace tolv::log

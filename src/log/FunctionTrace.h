@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+namespace tolv::log {
+
 class FunctionTrace {
 public:
     static constexpr size_t kTextSize = 1024;
@@ -35,3 +37,5 @@ private:
     LxElapsedTimer m_timer;
     RCPtr<Logger> m_logger;
 };
+
+} // namespace tolv::log

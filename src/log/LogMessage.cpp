@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+namespace tolv::log {
+
 LogMessage::~LogMessage()
 {
     free(m_heapText);
@@ -134,3 +136,5 @@ bool LogMessage::OnFinalRelease()
     block->GetCache().Recycle(*block, this);
     return true;
 }
+
+} // namespace tolv::log

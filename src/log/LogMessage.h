@@ -13,6 +13,8 @@
 #include <cstdarg>
 #include <cstdint>
 
+namespace tolv::log {
+
 class LogMessageBlock;
 
 class LogMessage final : public RCObject {
@@ -65,3 +67,5 @@ private:
     RCPtr<LogMessageBlock> m_block; // set while the message is in use
     LogMessage* m_nextFree = nullptr; // guarded by the cache lock
 };
+
+} // namespace tolv::log

@@ -2,6 +2,8 @@
 
 #include "log/LogMessageCache.h"
 
+namespace tolv::log {
+
 LogMessageBlock::LogMessageBlock(LogMessageCache& cache) : m_cache(&cache)
 {
     for (LogMessage& message : m_messages)
@@ -32,3 +34,5 @@ void LogMessageBlock::PutFree(LogMessage* message)
     if (++m_freeCount == kMessageCount)
         m_idleTimer.Restart();
 }
+
+} // namespace tolv::log

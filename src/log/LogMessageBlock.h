@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+namespace tolv::log {
+
 class LogMessageCache;
 
 class LogMessageBlock final : public RCObject {
@@ -37,3 +39,5 @@ private:
     LxElapsedTimer m_idleTimer;
     LogMessageCache* m_cache; // the cache owns its blocks
 };
+
+} // namespace tolv::log

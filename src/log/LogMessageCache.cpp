@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace tolv::log {
+
 LogMessageCache::LogMessageCache() : m_lock(false, "LogMessageCache") {}
 
 LogMessageCache::~LogMessageCache()
@@ -149,3 +151,5 @@ void LogMessageCache::SetIdleReleaseMs(uint64_t ms)
     LxMutexLock guard(m_lock);
     m_idleReleaseMs = ms;
 }
+
+} // namespace tolv::log

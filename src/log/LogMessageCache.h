@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <list>
 
+namespace tolv::log {
+
 class LogMessageCache final : public RCObject {
 public:
     static constexpr int32_t kPendingTextSize = 1024;
@@ -54,3 +56,5 @@ private:
     char m_pendingText[kPendingTextSize] = {};  // guarded by m_lock
     int32_t m_pendingLength = 0;
 };
+
+} // namespace tolv::log

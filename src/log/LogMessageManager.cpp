@@ -1,5 +1,7 @@
 #include "log/LogMessageManager.h"
 
+namespace tolv::log {
+
 LogMessageManager::LogMessageManager() : m_cache(MakeRC<LogMessageCache>()) {}
 
 RCPtr<LogMessage> LogMessageManager::NewMessage(int32_t level, const char* text, int32_t length)
@@ -11,3 +13,5 @@ RCPtr<LogMessage> LogMessageManager::NewMessage(int32_t level, const char* text,
         message->Append(text, length, true);
     return message;
 }
+
+} // namespace tolv::log

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+namespace tolv::log {
+
 class LogMessageManager final : public RCObject {
 public:
     LogMessageManager();
@@ -22,3 +24,5 @@ public:
 private:
     RCPtr<LogMessageCache> m_cache;
 };
+
+} // namespace tolv::log

@@ -4,6 +4,8 @@
 #include "log/RegSettingsReader.h"
 #include "support/LxMutexLock.h"
 
+namespace tolv::log {
+
 LogRegKeyWatcher::LogRegKeyWatcher(RCPtr<LxRegKey> key, RegSettingsReader& reader)
     : LxRegKeyWatcher(std::move(key)), m_reader(reader)
 {
@@ -15,3 +17,5 @@ bool LogRegKeyWatcher::OnKeyChanged()
     m_reader.ApplyToLogger();
     return true;
 }
+
+} // namespace tolv::log

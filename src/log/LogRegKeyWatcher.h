@@ -4,6 +4,8 @@
 
 #include "support/LxRegKeyWatcher.h"
 
+namespace tolv::log {
+
 class RegSettingsReader;
 
 class LogRegKeyWatcher final : public LxRegKeyWatcher {
@@ -15,3 +17,5 @@ private:
     // The reader stops this watcher before it goes.
     RegSettingsReader& m_reader;
 };
+
+} // namespace tolv::log

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+namespace tolv::log {
+
 namespace logsys {
 
 std::string LoggingModulePath()
@@ -50,3 +52,5 @@ std::string TimeZoneText()
 }
 
 } // namespace logsys
+
+} // namespace tolv::log

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+namespace tolv::log {
+
 namespace logsys {
 
 // The full path of the module that holds the logging code; empty when unknown.
@@ -15,3 +17,5 @@ std::string ProcessImagePath();
 std::string TimeZoneText();
 
 } // namespace logsys
+
+} // namespace tolv::log

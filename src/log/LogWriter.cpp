@@ -16,6 +16,8 @@
 #include <cstring>
 #include <limits>
 
+namespace tolv::log {
+
 namespace {
 constexpr char kSeparator[] = "---------------------------------------\n";
 constexpr char kBatchBanner[] = "\n***** BATCH MODE ENABLED *****\n\n";
@@ -352,3 +354,5 @@ void LogWriter::WaitForPollDrain()
     while (depth-- > 0)
         lock.Acquire(LxMutex::kInfinite);
 }
+
+} // namespace tolv::log

@@ -21,6 +21,8 @@
 #include <deque>
 #include <string>
 
+namespace tolv::log {
+
 class Logger;
 class PollLogWriter;
 
@@ -143,3 +145,5 @@ protected:
         m_wantBuffering = enabled;
     }
 };
+
+} // namespace tolv::log

@@ -22,6 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace tolv::log {
+
 namespace {
 // The caller's text of an error variant is cut at this many bytes.
 constexpr size_t kErrorTextBuffer = 10240;
@@ -120,7 +122,7 @@ void ChangeMessage(SettingsReader& reader, const char* format, ...)
     va_start(args, format);
     vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    ::Log(reader.GetName().c_str(), LOG_LEVEL_ALWAYS, "%s", text);
+    tolv::log::Log(reader.GetName().c_str(), LOG_LEVEL_ALWAYS, "%s", text);
 }
 } // namespace
 
@@ -376,3 +378,5 @@ void Logger::LogStartupInfo()
              UsesLocalTime() ? "UTC" : "Local", other);
     LogLine0(*this, "Log Level", "%s (read from %s)\n", GetLevelName(GetLevel()), m_levelSource.c_str());
 }
+
+} // namespace tolv::log

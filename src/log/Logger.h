@@ -22,6 +22,8 @@
 #include <string>
 #include <vector>
 
+namespace tolv::log {
+
 class Logger final : public RCObject {
 public:
     Logger(std::string name, std::string appName, RCPtr<LogMessageManager> messageManager);
@@ -94,3 +96,5 @@ private:
     std::atomic<bool> m_redactEnabled{true};
     const RCPtr<LogMessageManager> m_messageManager;
 };
+
+} // namespace tolv::log

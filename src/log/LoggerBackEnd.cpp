@@ -5,6 +5,8 @@
 
 #include <string>
 
+namespace tolv::log {
+
 void LoggerBackEnd::PlugIn()
 {
     // Never destroyed: the front end may call it until the process ends.
@@ -49,3 +51,5 @@ bool LoggerBackEnd::SetLevel(int32_t level)
     logger->SetLevel(level);
     return true;
 }
+
+} // namespace tolv::log

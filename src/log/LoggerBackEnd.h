@@ -5,6 +5,8 @@
 
 #include <tolv/log/LogBackEnd.h>
 
+namespace tolv::log {
+
 class LoggerBackEnd final : public LogBackEnd {
 public:
     static void PlugIn();
@@ -18,3 +20,5 @@ public:
 private:
     LoggerBackEnd() = default;
 };
+
+} // namespace tolv::log

@@ -10,6 +10,8 @@
 
 #include <cstdlib>
 
+namespace tolv::log {
+
 std::atomic<LoggerManager*> LoggerManager::s_instance{nullptr};
 std::atomic<bool> LoggerManager::s_defaultUsesLocalTime{true};
 
@@ -139,3 +141,5 @@ bool LogToStandardError(const char* appName, int32_t level)
     std::atexit([] { LoggerManager::GetInstance()->Shutdown(); });
     return true;
 }
+
+} // namespace tolv::log

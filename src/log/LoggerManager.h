@@ -17,6 +17,8 @@
 #include <map>
 #include <string>
 
+namespace tolv::log {
+
 class LoggerManager final : public RCObject {
 public:
     static LoggerManager* GetInstance();
@@ -59,3 +61,5 @@ private:
 // is standard error, at `level`; it is shut down at exit. False when a logger
 // of that name exists or it cannot start.
 bool LogToStandardError(const char* appName, int32_t level);
+
+} // namespace tolv::log

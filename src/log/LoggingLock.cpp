@@ -2,6 +2,8 @@
 
 #include <tolv/log/LogBackEnd.h>
 
+namespace tolv::log {
+
 LxMutex& LoggingLock()
 {
     // Never destroyed: threads may log while statics are torn down.
@@ -13,3 +15,5 @@ LxMutex& LoggingLock()
     }();
     return *lock;
 }
+
+} // namespace tolv::log

@@ -14,4 +14,8 @@
 
 #include "support/LxMutex.h"
 
+namespace tolv::log {
+
 LxMutex& LoggingLock();
+
+} // namespace tolv::log

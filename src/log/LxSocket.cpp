@@ -11,6 +11,8 @@
 
 #include <cstring>
 
+namespace tolv::log {
+
 LxSocket::~LxSocket()
 {
     if (m_fd >= 0 && close(m_fd) != 0)
@@ -77,3 +79,5 @@ int32_t LxSocket::SendAll(const char* bytes, int32_t length)
     }
     return sent;
 }
+
+} // namespace tolv::log

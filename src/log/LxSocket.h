@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+namespace tolv::log {
+
 class LxSocket {
 public:
     LxSocket() = default;
@@ -26,3 +28,5 @@ public:
 private:
     int m_fd = -1;
 };
+
+} // namespace tolv::log

@@ -2,6 +2,8 @@
 
 #include "log/LogWriter.h"
 
+namespace tolv::log {
+
 PollLogWriter::PollLogWriter(LogWriter& writer) : LxPollItem("LogWriter", LogWriter::kPollIntervalMs), m_writer(writer)
 {
 }
@@ -11,3 +13,5 @@ bool PollLogWriter::Run(bool /*signalled*/)
     m_writer.PollDrain();
     return true;
 }
+
+} // namespace tolv::log

@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+namespace tolv::log {
+
 class LogWriter;
 
 class PollLogWriter final : public LxPollItem {
@@ -21,3 +23,5 @@ private:
     LogWriter& m_writer;
     std::atomic<bool> m_running{false};
 };
+
+} // namespace tolv::log

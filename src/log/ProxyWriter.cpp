@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 
+namespace tolv::log {
+
 void ProxyWriter::SetTarget(Target target)
 {
     LxMutexLock guard(LoggingLock());
@@ -67,3 +69,5 @@ bool ProxyWriter::WriteMessage(const RCPtr<LogMessage>& message)
     target("", 0, "%s", rest.c_str());
     return true;
 }
+
+} // namespace tolv::log

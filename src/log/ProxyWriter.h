@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+namespace tolv::log {
+
 class ProxyWriter final : public LogWriter {
 public:
     using Target = void (*)(const char* functionName, int32_t level, const char* format, ...);
@@ -25,3 +27,5 @@ public:
 private:
     Target m_target; // guarded by the logging lock
 };
+
+} // namespace tolv::log

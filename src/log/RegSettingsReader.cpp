@@ -7,6 +7,8 @@
 
 #include <strings.h>
 
+namespace tolv::log {
+
 namespace {
 
 // Every value the logger reads; each gets a watcher on the settings key.
@@ -117,3 +119,5 @@ void RegSettingsReader::OnRedactPolicyChanged(LxPolicyWatcher& watcher)
            watcher.GetValue()->GetName().c_str(), enabled ? "en" : "dis");
     m_logger->SetRedactEnabled(enabled);
 }
+
+} // namespace tolv::log

@@ -16,6 +16,8 @@
 #include <mutex>
 #include <string>
 
+namespace tolv::log {
+
 class Logger;
 class LogRegKeyWatcher;
 
@@ -53,3 +55,5 @@ private:
     std::mutex m_stopLock;
     bool m_stopped = false; // guarded by m_stopLock
 };
+
+} // namespace tolv::log

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+namespace tolv::log {
+
 class SettingsReader : public RCObject {
 public:
     // No use in this program; every reader answers 0.
@@ -22,3 +24,5 @@ public:
     // logger goes.
     virtual void Stop() {}
 };
+
+} // namespace tolv::log

@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace tolv::log {
+
 namespace {
 
 // The host name as a 16-character buffer holds it; "-" (the syslog nil value)
@@ -114,3 +116,5 @@ int32_t SocketWriter::FormatPrefix(char* buffer, size_t size, const char* /*func
     }
     return static_cast<size_t>(n) < size ? n : static_cast<int32_t>(size - 1);
 }
+
+} // namespace tolv::log

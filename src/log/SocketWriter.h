@@ -13,6 +13,8 @@
 #include <memory>
 #include <string>
 
+namespace tolv::log {
+
 class SocketWriter final : public LogWriter {
 public:
     static constexpr uint32_t kDefaultPort = 514;
@@ -34,3 +36,5 @@ private:
     uint32_t m_remotePort = kDefaultPort;      // guarded by the logging lock
     std::unique_ptr<LxSocket> m_socket;
 };
+
+} // namespace tolv::log

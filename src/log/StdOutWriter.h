@@ -4,6 +4,8 @@
 
 #include "log/LogWriter.h"
 
+namespace tolv::log {
+
 class StdOutWriter final : public LogWriter {
 public:
     StdOutWriter() : LogWriter(kStdOutWriter) {}
@@ -11,3 +13,5 @@ public:
     bool WriteMessage(const RCPtr<LogMessage>& message) override;
     bool Close() override { return true; }
 };
+
+} // namespace tolv::log

@@ -9,7 +9,11 @@
 #include <cstdint>
 #include <string>
 
+namespace tolv::log {
+
 inline bool PropertyNameIs(const std::string& name, const char* expected)
 {
     return strcasecmp(name.c_str(), expected) == 0;
 }
+
+} // namespace tolv::log

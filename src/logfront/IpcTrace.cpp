@@ -2,6 +2,8 @@
 
 #include <tolv/log/LogSink.h>
 
+namespace tolv::log {
+
 const char* IpcTraceLoggerName(IpcTraceLogger logger)
 {
     switch (logger) {
@@ -30,3 +32,5 @@ void IpcTraceWrite(IpcTraceLogger logger, const IpcTraceSite& site, std::string_
     line.text = text;
     WriteLogLine(line);
 }
+
+} // namespace tolv::log

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <string>
 
+namespace tolv::log {
+
 std::atomic<int32_t> CurrentLogLevel{LOG_LEVEL_ALWAYS};
 
 namespace {
@@ -201,3 +203,5 @@ void WriteLogLine(const LogLine& line)
     Dispatch(
         line, [&](LogBackEnd& backEnd) { backEnd.WriteLine(line); }, [&] { return std::string(line.text); });
 }
+
+} // namespace tolv::log

@@ -4,6 +4,8 @@
 
 #include <array>
 
+namespace tolv::log {
+
 namespace {
 constexpr std::array<const char*, 8> kNames = {"ALWAYS", "ERROR", "WARN", "INFO", "DEBUG", "TRACE", "VERBOSE", "NEVER"};
 constexpr char kLetters[] = "AEWIDTVN";
@@ -28,3 +30,5 @@ int32_t ParseLogLevel(std::string_view name, int32_t fallback)
     }
     return fallback >= 0 && fallback <= LOG_LEVEL_NEVER ? fallback : LOG_LEVEL_INFO;
 }
+
+} // namespace tolv::log

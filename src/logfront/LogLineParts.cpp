@@ -9,6 +9,8 @@
 
 #include <cstdio>
 
+namespace tolv::log {
+
 uint32_t LogThreadId()
 {
     thread_local const uint32_t id = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -35,3 +37,5 @@ int FormatLogTimeStamp(char* buffer, int size, bool utc)
     }
     return n < size ? n : size - 1;
 }
+
+} // namespace tolv::log

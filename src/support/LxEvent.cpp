@@ -10,6 +10,8 @@
 
 #include <cerrno>
 
+using namespace tolv::log;
+
 namespace {
 
 uint64_t NowNs()

@@ -8,6 +8,8 @@
 
 #include <cerrno>
 
+using namespace tolv::log;
+
 namespace {
 
 // The kernel applies these to the calling thread alone; "unchanged" is -1.

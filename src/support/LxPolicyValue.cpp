@@ -5,6 +5,8 @@
 #include <string.h>
 #include <strings.h>
 
+using namespace tolv::log;
+
 namespace {
 
 constexpr const char* kPolicyPart = "\\Software\\Policies\\";

@@ -3,6 +3,8 @@
 #include <tolv/log/Log.h>
 #include "support/LxPollThread.h"
 
+using namespace tolv::log;
+
 LxPolicyWatcher::LxPolicyWatcher(RCPtr<LxPolicyValue> value, int32_t level, Callback onChange)
     : m_value(std::move(value)), m_level(level), m_onChange(std::move(onChange))
 {

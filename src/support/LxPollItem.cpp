@@ -5,6 +5,8 @@
 #include "support/LxMutexLock.h"
 #include "support/LxPollThread.h"
 
+using namespace tolv::log;
+
 LxPollItem::LxPollItem(std::string name, int32_t timeoutMs)
     : m_name(std::move(name)), m_timeoutMs(timeoutMs), m_timeoutText(TimeoutText(timeoutMs))
 {

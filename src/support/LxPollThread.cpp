@@ -12,6 +12,8 @@
 #include <system_error>
 #include <unordered_map>
 
+using namespace tolv::log;
+
 namespace {
 
 // Scheduler messages print durations with three decimals.

@@ -15,6 +15,8 @@
 #include <cstring>
 #include <vector>
 
+using namespace tolv::log;
+
 namespace {
 
 std::string StoreRoot(const char* shortName)

@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <system_error>
 
+using namespace tolv::log;
+
 namespace {
 
 constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |

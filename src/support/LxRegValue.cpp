@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace tolv::log;
+
 namespace {
 
 bool ParseNumber(const std::string& text, uint64_t& value)

@@ -3,6 +3,8 @@
 #include <tolv/log/Log.h>
 #include "support/LxRegKeyWatcher.h"
 
+using namespace tolv::log;
+
 LxRegValueWatcher::LxRegValueWatcher(RCPtr<LxRegValue> value, Callback onChange, int32_t level)
     : m_value(std::move(value)),
       m_snapshot(MakeRC<LxRegValue>(m_value->GetKey(), m_value->GetName())),

@@ -23,6 +23,8 @@
 #include <mutex>
 #include <sstream>
 
+using namespace tolv::log;
+
 #ifndef TOLV_VERSION_TEXT
 #define TOLV_VERSION_TEXT "0.0.0"
 #endif

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <string>
 
+using namespace tolv::log;
+
 namespace tolv::worker {
 
 namespace {

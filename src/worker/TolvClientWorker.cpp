@@ -9,6 +9,8 @@
 #include <limits>
 #include <new>
 
+using namespace tolv::log;
+
 namespace tolv::worker {
 
 using tamsel::ipc::KxIpclibMsg;

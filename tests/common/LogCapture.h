@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::log;
+
 struct CapturedLine {
     int32_t level;
     std::string loggerName;

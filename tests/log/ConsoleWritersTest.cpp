@@ -21,6 +21,8 @@
 #include <sstream>
 #include <string>
 
+using namespace tolv::log;
+
 namespace {
 
 // Sends one standard stream to a file while it lives.

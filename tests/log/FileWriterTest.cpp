@@ -14,6 +14,8 @@
 #include <atomic>
 #include <regex>
 
+using namespace tolv::log;
+
 namespace {
 
 constexpr uint64_t kMB = 1048576;

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::log;
+
 namespace {
 
 TEST(LogMessage, GrowsToTheHeapAndKeepsTheWholeText)

@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <regex>
 
+using namespace tolv::log;
+
 TEST(LogLevel, LettersNamesAndParsing)
 {
     const char* letters = "AEWIDTVN";

@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 inline std::string ReadWholeFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -18,6 +18,8 @@
 #include <set>
 #include <thread>
 
+using namespace tolv::log;
+
 namespace {
 
 const std::string kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";

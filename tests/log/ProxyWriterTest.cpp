@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::log;
+
 namespace {
 
 struct Forwarded {

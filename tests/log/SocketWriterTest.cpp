@@ -18,6 +18,8 @@
 #include <regex>
 #include <string>
 
+using namespace tolv::log;
+
 namespace {
 
 // A syslog collector on the loopback interface, on a port of the system's choice.

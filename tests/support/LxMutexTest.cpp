@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <thread>
 
+using namespace tolv::log;
+
 namespace {
 
 TEST(LxMutexTest, RecursiveHoldCountsDepthAndReleasesFully)

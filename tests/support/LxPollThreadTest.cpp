@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 namespace {
 
 // The order in which items ran, with how they were woken.

@@ -23,6 +23,8 @@
 #include <mutex>
 #include <string>
 
+using namespace tolv::log;
+
 namespace {
 
 namespace fs = std::filesystem;

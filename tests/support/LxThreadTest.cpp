@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 
+using namespace tolv::log;
+
 namespace {
 
 class LxThreadTest : public ::testing::Test {

@@ -23,6 +23,8 @@
 #include <sstream>
 #include <thread>
 
+using namespace tolv::log;
+
 namespace {
 
 using ProcessUtils::kNoSession;

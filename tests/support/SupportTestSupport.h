@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 // Generous: the tests wait for events, never for time, so this only bounds a failure.
 constexpr auto kTestPatience = std::chrono::seconds(60);
 

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+using namespace tolv::log;
+
 using namespace tamsel::task;
 using namespace std::chrono_literals;
 

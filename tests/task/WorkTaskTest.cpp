@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+using namespace tolv::log;
+
 using namespace tamsel::task;
 
 TEST(WorkTask, CallsWithTheSubmittedArgumentsAndPropagatesFailures)

@@ -18,6 +18,8 @@
 #include <iterator>
 #include <thread>
 
+using namespace tolv::log;
+
 using namespace tolv::worker;
 
 namespace {

@@ -19,6 +19,8 @@
 
 #include <cerrno>
 
+using namespace tolv::log;
+
 using namespace tolv::worker;
 
 namespace {

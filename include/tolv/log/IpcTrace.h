@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+namespace tolv::log {
+
 enum class IpcTraceLogger { Lib, Listener, Link, Stream, Msg };
 
 inline constexpr int32_t kIpcTraceLevel = LOG_LEVEL_VERBOSE;
@@ -33,3 +35,5 @@ inline void IpcTrace(IpcTraceLogger logger, const IpcTraceSite& site, fmt::forma
         return;
     IpcTraceWrite(logger, site, fmt::format(format, std::forward<Args>(args)...));
 }
+
+} // namespace tolv::log

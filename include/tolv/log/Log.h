@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace tolv::log {
+
 // The level of the plugged-in back end's started logger, kept in step by it;
 // otherwise the front-end level (0 unless SetCurrentLogLevel set it), which
 // only a sink sees.
@@ -31,19 +33,21 @@ void LogWithErrorCode(int errorCode, const char* functionName, int32_t level, co
 // LogBackEnd.h) the entry points write to the sink only.
 void SetCurrentLogLevel(int32_t level);
 
-#define LOG_AT(level, functionName, ...)                      \
-    do {                                                      \
-        if (CurrentLogLevel >= (level))                       \
-            ::Log((functionName), (level), __VA_ARGS__);      \
+} // namespace tolv::log
+
+#define LOG_AT(level, functionName, ...)                                 \
+    do {                                                                 \
+        if (::tolv::log::CurrentLogLevel >= (level))                     \
+            ::tolv::log::Log((functionName), (level), __VA_ARGS__);      \
     } while (0)
 
-#define LOG_ERRNO_AT(level, functionName, ...)                     \
-    do {                                                           \
-        if (CurrentLogLevel >= (level))                            \
-            ::LogWithLastError((functionName), (level), __VA_ARGS__); \
+#define LOG_ERRNO_AT(level, functionName, ...)                                  \
+    do {                                                                        \
+        if (::tolv::log::CurrentLogLevel >= (level))                            \
+            ::tolv::log::LogWithLastError((functionName), (level), __VA_ARGS__); \
     } while (0)
 
-#define LOG_ERROR(functionName, ...) LOG_AT(LOG_LEVEL_ERROR, functionName, __VA_ARGS__)
-#define LOG_WARN(functionName, ...) LOG_AT(LOG_LEVEL_WARN, functionName, __VA_ARGS__)
-#define LOG_INFO(functionName, ...) LOG_AT(LOG_LEVEL_INFO, functionName, __VA_ARGS__)
-#define LOG_DEBUG(functionName, ...) LOG_AT(LOG_LEVEL_DEBUG, functionName, __VA_ARGS__)
+#define LOG_ERROR(functionName, ...) LOG_AT(::tolv::log::LOG_LEVEL_ERROR, functionName, __VA_ARGS__)
+#define LOG_WARN(functionName, ...) LOG_AT(::tolv::log::LOG_LEVEL_WARN, functionName, __VA_ARGS__)
+#define LOG_INFO(functionName, ...) LOG_AT(::tolv::log::LOG_LEVEL_INFO, functionName, __VA_ARGS__)
+#define LOG_DEBUG(functionName, ...) LOG_AT(::tolv::log::LOG_LEVEL_DEBUG, functionName, __VA_ARGS__)

@@ -16,6 +16,8 @@
 #include <cstdarg>
 #include <cstdint>
 
+namespace tolv::log {
+
 class LogBackEnd {
 public:
     // Each Write runs under the logging lock and is never nested.
@@ -44,3 +46,5 @@ pthread_mutex_t& LoggingMutex();
 // The level SetCurrentLogLevel last kept in the front end (0 at first):
 // CurrentLogLevel while no back-end logger is started.
 int32_t FrontEndLogLevel();
+
+} // namespace tolv::log

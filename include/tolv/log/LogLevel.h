@@ -2,6 +2,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace tolv::log {
+
 // A lower number is more important. A message of level L is written when L is
 // at most the current level.
 enum LogLevel : int32_t {
@@ -22,3 +24,5 @@ const char* LogLevelName(int32_t level);
 // Case-insensitive match against "always".."never"; an unknown name gives
 // `fallback`, and a fallback outside 0..7 becomes INFO.
 int32_t ParseLogLevel(std::string_view name, int32_t fallback);
+
+} // namespace tolv::log

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace tolv::log {
+
 struct LogLine {
     const char* loggerName = nullptr;   // null for the default logger
     int32_t level = 0;
@@ -36,3 +38,5 @@ int FormatLogTimeStamp(char* buffer, int size, bool utc);
 
 // The calling thread's kernel id, cached per thread.
 uint32_t LogThreadId();
+
+} // namespace tolv::log

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+using namespace tolv::log;
+
 using namespace tolv::worker;
 
 namespace {

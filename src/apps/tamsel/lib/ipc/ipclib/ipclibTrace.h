@@ -5,5 +5,6 @@
 
 #include <tolv/log/IpcTrace.h>
 
-#define KXIPC_TRACE(logger, ...) \
-    ::IpcTrace(::IpcTraceLogger::logger, ::IpcTraceSite{kIpclibTraceFile, __LINE__, __func__}, __VA_ARGS__)
+#define KXIPC_TRACE(logger, ...)                                                                       \
+    ::tolv::log::IpcTrace(::tolv::log::IpcTraceLogger::logger,                                          \
+                          ::tolv::log::IpcTraceSite{kIpclibTraceFile, __LINE__, __func__}, __VA_ARGS__)

@@ -24,6 +24,8 @@
 #include <mutex>
 #include <string>
 
+using namespace tolv::log;
+
 using namespace tamsel::ipc;
 using namespace tamsel::ipc::testing;
 

@@ -23,6 +23,8 @@
 #include <cstdlib>
 #include <mutex>
 
+using namespace tolv::log;
+
 using namespace tamsel::ipc;
 using namespace tamsel::ipc::testing;
 

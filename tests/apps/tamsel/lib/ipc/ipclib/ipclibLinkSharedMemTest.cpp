@@ -31,6 +31,8 @@
 #include <functional>
 #include <thread>
 
+using namespace tolv::log;
+
 extern char** environ;
 
 using namespace tamsel::ipc;

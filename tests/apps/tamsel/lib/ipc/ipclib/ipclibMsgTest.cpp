@@ -9,6 +9,8 @@
 #include <functional>
 #include <vector>
 
+using namespace tolv::log;
+
 using namespace tamsel::ipc;
 using tolv::platform::LoadLe;
 

@@ -31,6 +31,8 @@
 #include <fstream>
 #include <thread>
 
+using namespace tolv::log;
+
 extern char** environ;
 
 using namespace tamsel::ipc;

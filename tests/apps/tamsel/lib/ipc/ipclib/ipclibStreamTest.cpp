@@ -20,6 +20,8 @@
 #include <deque>
 #include <thread>
 
+using namespace tolv::log;
+
 using namespace tamsel::ipc;
 using namespace tamsel::ipc::testing;
 using namespace std::chrono_literals;
