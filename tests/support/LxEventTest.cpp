@@ -20,7 +20,6 @@ TEST(LxEventTest, ManualResetStaysSignalledAutoResetReleasesOneWait)
     ResourceSnapshot resources;
     {
         LxEvent manual(true, false);
-        LxEvent automatic(false, true);
         EXPECT_EQ(manual.Wait(0), LxEvent::kTimeout);
         EXPECT_TRUE(manual.Set());
         EXPECT_TRUE(manual.Set());
@@ -29,6 +28,7 @@ TEST(LxEventTest, ManualResetStaysSignalledAutoResetReleasesOneWait)
         EXPECT_TRUE(manual.Reset());
         EXPECT_EQ(manual.Wait(0), LxEvent::kTimeout);
 
+        LxEvent automatic(false, true);
         EXPECT_EQ(automatic.Wait(0), 0); // initially signalled
         EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
         automatic.Set();
@@ -60,8 +60,7 @@ TEST(LxEventTest, AutoResetSetReleasesExactlyOneOfTwoWaiters)
     }
     event.Set();
     ASSERT_EQ(done.Wait(), 0);
-    // The second waiter is still waiting: it needs a second setting.
-    EXPECT_EQ(released, 1);
+    EXPECT_EQ(released, 1); // the second waiter needs a second setting
     event.Set();
     ASSERT_EQ(done.Wait(), 0);
     for (std::thread& t : waiters)
@@ -69,7 +68,7 @@ TEST(LxEventTest, AutoResetSetReleasesExactlyOneOfTwoWaiters)
     EXPECT_EQ(released, 2);
 }
 
-TEST(LxEventTest, WaitForMultipleReportsTheLowestSignalledIndex)
+TEST(LxEventTest, WaitForMultipleReportsTheLowestSignalledAndWaitAllNeedsEvery)
 {
     LxEvent a(true, false);
     LxEvent b(false, false);
@@ -78,8 +77,7 @@ TEST(LxEventTest, WaitForMultipleReportsTheLowestSignalledIndex)
     c.Set();
     b.Set();
     EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), 1);
-    // b was auto-reset and is taken; c stays signalled.
-    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), 2);
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), 2); // b was taken; c stays signalled
 
     // A wake from another thread ends an infinite wait.
     std::thread setter([&] { a.Set(); });
@@ -87,23 +85,17 @@ TEST(LxEventTest, WaitForMultipleReportsTheLowestSignalledIndex)
     setter.join();
 
     LxEvent empty;
-    EXPECT_EQ(LxEvent::WaitForMultiple({&a, nullptr}, false, 0), LxEvent::kFailed);
-    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &empty}, false, 0), LxEvent::kFailed);
-    EXPECT_EQ(LxEvent::WaitForMultiple({}, false, 0), LxEvent::kFailed);
     std::vector<LxEvent*> tooMany(LxEvent::kMaxWaitObjects + 1, &a);
-    EXPECT_EQ(LxEvent::WaitForMultiple(tooMany, false, 0), LxEvent::kFailed);
-}
+    for (const std::vector<LxEvent*>& bad : {std::vector<LxEvent*>{&a, nullptr}, {&a, &empty}, {}, tooMany})
+        EXPECT_EQ(LxEvent::WaitForMultiple(bad, false, 0), LxEvent::kFailed) << bad.size();
 
-TEST(LxEventTest, WaitAllNeedsEveryEventAndTakesTheAutoResetOnes)
-{
-    LxEvent manual(true, true);
-    LxEvent automatic(false, false);
-    EXPECT_EQ(LxEvent::WaitForMultiple({&manual, &automatic}, true, 0), LxEvent::kTimeout);
-    std::thread setter([&] { automatic.Set(); });
-    EXPECT_EQ(LxEvent::WaitForMultiple({&manual, &automatic}, true, LxEvent::kInfinite), 0);
-    setter.join();
-    EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
-    EXPECT_EQ(manual.Wait(0), 0);
+    // Wait-all: a (manual, set) alone is not enough; the auto-reset one is taken.
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b}, true, 0), LxEvent::kTimeout);
+    std::thread allSetter([&] { b.Set(); });
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b}, true, LxEvent::kInfinite), 0);
+    allSetter.join();
+    EXPECT_EQ(b.Wait(0), LxEvent::kTimeout);
+    EXPECT_EQ(a.Wait(0), 0);
 }
 
 // An event can wrap any descriptor; the settings watcher waits on inotify.
@@ -113,6 +105,7 @@ TEST(LxEventTest, ADescriptorEventIsSignalledWhileReadable)
     {
         char dir[] = "/tmp/lxevent-XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
+        const std::string file = std::string(dir) + "/value";
         const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         ASSERT_GE(fd, 0);
         ASSERT_GE(inotify_add_watch(fd, dir, IN_CREATE), 0);
@@ -120,14 +113,14 @@ TEST(LxEventTest, ADescriptorEventIsSignalledWhileReadable)
         LxEvent stop(true, false);
         EXPECT_EQ(LxEvent::WaitForMultiple({&stop, &watch}, false, 0), LxEvent::kTimeout);
         EXPECT_FALSE(watch.Set()); // only its owner changes its state
-        std::thread writer([&] { std::ofstream(std::string(dir) + "/value") << "1"; });
+        std::thread writer([&] { std::ofstream(file) << "1"; });
         EXPECT_EQ(LxEvent::WaitForMultiple({&stop, &watch}, false, LxEvent::kInfinite), 1);
         writer.join();
         EXPECT_EQ(watch.Wait(0), 0); // not consumed by the wait
         char buffer[4096];
         EXPECT_GT(read(fd, buffer, sizeof buffer), 0);
         EXPECT_EQ(watch.Wait(0), LxEvent::kTimeout);
-        unlink((std::string(dir) + "/value").c_str());
+        unlink(file.c_str());
         rmdir(dir);
 
         // Not owned: the descriptor outlives the event.

@@ -2,6 +2,8 @@
 // a child process of a user made for the test sets its login uid, which gives
 // it a new audit session, the way a login does.
 
+#include "common/ChildProcess.h"
+#include "common/SettingsStore.h"
 #include "support/LxImpersonateSession.h"
 #include "support/LxRegKey.h"
 #include "support/ProcessUtils.h"
@@ -12,77 +14,37 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <sstream>
 #include <thread>
 
-using namespace tolv::log;
-
 namespace {
 
 using ProcessUtils::kNoSession;
 
-// Runs a program and returns its exit code; -1 when it could not run.
-int RunProgram(std::vector<std::string> args)
+// What the kernel shows of one thread of this process: its name, or its
+// effective uid and gid and its groups.
+std::string ThreadStatus(pid_t tid, const char* file = "status")
 {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        dup2(null, 2);
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
-// The credentials of one thread of this process, as the kernel shows them.
-struct ThreadCredentials {
-    uid_t effectiveUid = 0;
-    gid_t effectiveGid = 0;
-    std::string groups;
-};
-
-ThreadCredentials ReadThreadCredentials(pid_t tid)
-{
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
-    ThreadCredentials found;
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/" + file);
+    std::string text;
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
-        std::string key;
-        unsigned long real = 0;
-        unsigned long effective = 0;
-        fields >> key;
-        if (key == "Uid:" && fields >> real >> effective)
-            found.effectiveUid = static_cast<uid_t>(effective);
-        else if (key == "Gid:" && fields >> real >> effective)
-            found.effectiveGid = static_cast<gid_t>(effective);
-        else if (key == "Groups:")
-            found.groups = line.substr(7);
+        std::string key, real, effective;
+        fields >> key >> real >> effective;
+        if (key == "Uid:" || key == "Gid:")
+            text += key + effective + " ";
+        else if (key == "Groups:" || std::string(file) != "status")
+            text += line;
     }
-    return found;
-}
-
-std::string KernelThreadName(pid_t tid)
-{
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/comm");
-    std::string name;
-    std::getline(in, name);
-    return name;
+    return text;
 }
 
 // A user made for the test and a process logged on as that user in a login
@@ -91,25 +53,24 @@ class LoginSession {
 public:
     LoginSession()
     {
+        const std::string name = "tolvimp" + std::to_string(getpid());
         if (geteuid() != 0) {
             why = "needs root to make a user and set a login uid";
             return;
         }
-        userName = "tolvimp" + std::to_string(getpid());
-        if (RunProgram({"/usr/sbin/useradd", "--no-create-home", "--no-user-group", "--shell", "/bin/false",
-                        userName}) != 0) {
+        if (ChildProcess({"/usr/sbin/useradd", "--no-create-home", "--no-user-group", "--shell", "/bin/false", name})
+                .Wait() != 0) {
             why = "useradd could not make a user";
-            userName.clear();
             return;
         }
-        struct passwd* entry = getpwnam(userName.c_str());
+        userName = name;
+        const struct passwd* entry = getpwnam(userName.c_str());
         if (!entry) {
             why = "the made user cannot be looked up";
             return;
         }
         uid = entry->pw_uid;
         gid = entry->pw_gid;
-
         int report[2];
         int hold[2];
         if (pipe2(report, O_CLOEXEC) != 0 || pipe2(hold, O_CLOEXEC) != 0) {
@@ -128,10 +89,9 @@ public:
                 session = ProcessUtils::GetSessionID(false, kNoSession);
             if (setgid(gid) != 0 || setuid(uid) != 0)
                 session = kNoSession;
-            if (write(report[1], &session, sizeof session) != sizeof session)
-                _exit(1);
             char byte;
-            (void)!read(hold[0], &byte, 1); // stays logged on until the test lets go
+            if (write(report[1], &session, sizeof session) == sizeof session)
+                (void)!read(hold[0], &byte, 1); // stays logged on until the test lets go
             _exit(0);
         }
         close(report[1]);
@@ -140,11 +100,10 @@ public:
         uint32_t reported = kNoSession;
         const bool got = read(report[0], &reported, sizeof reported) == sizeof reported;
         close(report[0]);
-        if (!got || reported == kNoSession || reported == 0) {
+        if (!got || reported == kNoSession || reported == 0)
             why = "this machine does not let a process set its login uid";
-            return;
-        }
-        sessionId = reported;
+        else
+            sessionId = reported;
     }
 
     // Logs the session's process off and waits until it is gone.
@@ -162,7 +121,7 @@ public:
     {
         End();
         if (!userName.empty())
-            RunProgram({"/usr/sbin/userdel", userName});
+            ChildProcess({"/usr/sbin/userdel", userName}).Wait();
     }
 
     std::string why;
@@ -186,71 +145,64 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     uint32_t resolved = 0;
     EXPECT_TRUE(ProcessUtils::IsValidSession(login.sessionId, &resolved));
     EXPECT_EQ(resolved, login.sessionId);
-    const std::u16string expectedName(login.userName.begin(), login.userName.end());
-    EXPECT_EQ(ProcessUtils::GetSessionUserName(login.sessionId), expectedName);
+    EXPECT_EQ(ProcessUtils::GetSessionUserName(login.sessionId),
+              std::u16string(login.userName.begin(), login.userName.end()));
     char* sid = nullptr;
     ASSERT_TRUE(ProcessUtils::GetUserSIDForSession(login.sessionId, &sid, LOG_LEVEL_ERROR));
     EXPECT_EQ(std::string(sid), std::to_string(login.uid));
     free(sid);
 
     WaitableLogCapture capture(LOG_LEVEL_DEBUG);
+    const std::string id = std::to_string(login.sessionId);
     LxImpersonateSession session;
     ASSERT_TRUE(session.Init(login.sessionId));
     EXPECT_TRUE(session.Init(login.sessionId));
-    EXPECT_EQ(capture.Count("Already impersonating session " + std::to_string(login.sessionId)), 1u);
+    EXPECT_EQ(capture.Count("Already impersonating session " + id), 1u);
 
     const pid_t mainThread = gettid();
-    const ThreadCredentials own = ReadThreadCredentials(mainThread);
+    const std::string own = ThreadStatus(mainThread);
     char folder[] = "/tmp/tolvimpXXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
     chmod(folder, 0777);
     const std::string made = std::string(folder) + "/made-by-session";
-
     std::promise<void> switched;
     std::promise<void> checked;
     bool started = false;
     bool stopped = false;
     uint32_t sessionSeen = 0;
-    ThreadCredentials during;
-    ThreadCredentials after;
+    std::string during;
+    std::string after;
     std::thread worker([&] {
         started = session.Start();
         sessionSeen = ProcessUtils::GetSessionID(true, kNoSession);
-        during = ReadThreadCredentials(gettid());
+        during = ThreadStatus(gettid());
         close(open(made.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         switched.set_value();
         checked.get_future().wait();
         stopped = session.Stop();
-        after = ReadThreadCredentials(gettid());
+        after = ThreadStatus(gettid());
     });
     switched.get_future().wait();
-    // While one thread acts as the user, the others keep their own credentials.
-    const ThreadCredentials meanwhile = ReadThreadCredentials(mainThread);
-    EXPECT_EQ(meanwhile.effectiveUid, own.effectiveUid);
-    EXPECT_EQ(meanwhile.groups, own.groups);
+    // While one thread acts as the user, the others keep their own credentials,
+    // and a Stop from a thread that did not start it changes nothing.
+    EXPECT_EQ(ThreadStatus(mainThread), own);
     EXPECT_NE(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
-    // And a Stop from a thread that did not start it changes nothing.
     EXPECT_FALSE(session.Stop());
     EXPECT_TRUE(session.IsImpersonating());
     checked.set_value();
     worker.join();
 
     ASSERT_TRUE(started);
-    EXPECT_EQ(during.effectiveUid, login.uid);
-    EXPECT_EQ(during.effectiveGid, login.gid);
+    EXPECT_EQ(during.substr(0, during.find("Groups:")),
+              "Uid:" + std::to_string(login.uid) + " Gid:" + std::to_string(login.gid) + " ");
     EXPECT_EQ(sessionSeen, login.sessionId);
     struct stat st {};
     ASSERT_EQ(stat(made.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, login.uid);
-    unlink(made.c_str());
-    rmdir(folder);
-
+    std::filesystem::remove_all(folder);
     EXPECT_TRUE(stopped);
     EXPECT_FALSE(session.IsImpersonating());
-    EXPECT_EQ(after.effectiveUid, own.effectiveUid);
-    EXPECT_EQ(after.effectiveGid, own.effectiveGid);
-    EXPECT_EQ(after.groups, own.groups);
-    const std::string id = std::to_string(login.sessionId);
+    EXPECT_EQ(after, own);
     EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " started"), 1u);
     EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " stopped"), 1u);
 
@@ -285,49 +237,37 @@ TEST(LxImpersonateSession, RefusesSessionZeroAndNeedsInitBeforeStart)
     EXPECT_EQ(sid, nullptr);
     EXPECT_EQ(capture.Lines().size(), before);
     EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, LOG_LEVEL_WARN));
-    EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
+    EXPECT_EQ(capture.Count("Unable to get user token of session (id: 0)", true), 1u);
     EXPECT_TRUE(ProcessUtils::GetSessionUserName(0).empty());
 }
 
-TEST(LxProcessUtils, ServiceAccountsAreRootAndSystemUsersOnly)
+// An ordinary user is no service account and has a hive of its own.
+TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
 {
     LoginSession login;
     if (!login.why.empty())
         GTEST_SKIP() << login.why;
     EXPECT_TRUE(ProcessUtils::IsServiceAccount());
-    // An ordinary user, and a system one, each in a process of its own.
+    // Each user in a process of its own.
     auto childAnswer = [](uid_t uid) {
         const pid_t pid = fork();
-        if (pid == 0) {
-            if (setuid(uid) != 0)
-                _exit(2);
-            _exit(ProcessUtils::IsServiceAccount() ? 1 : 0);
-        }
+        if (pid == 0)
+            _exit(setuid(uid) != 0 ? 2 : ProcessUtils::IsServiceAccount() ? 1 : 0);
         int status = 0;
         waitpid(pid, &status, 0);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     };
     EXPECT_EQ(childAnswer(login.uid), 0) << "uid " << login.uid;
-    struct passwd* daemonUser = getpwnam("daemon");
-    if (daemonUser) {
+    if (const struct passwd* daemonUser = getpwnam("daemon")) {
         EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
     }
-}
 
-TEST(LxProcessUtils, TheCurrentUserKeyOfASessionIsItsUsersHive)
-{
-    LoginSession login;
-    if (!login.why.empty())
-        GTEST_SKIP() << login.why;
-    char root[] = "/tmp/tolvhiveXXXXXX";
-    ASSERT_NE(mkdtemp(root), nullptr);
-    const std::string own = std::string(root) + "/HKCU/Software/Test";
-    const std::string users = std::string(root) + "/HKU/" + std::to_string(login.uid) + "/software/test";
-    ASSERT_EQ(RunProgram({"/bin/mkdir", "-p", own, users}), 0);
-    const char* saved = getenv("LXREG_ROOT");
-    const std::string savedRoot = saved ? saved : "";
-    setenv("LXREG_ROOT", root, 1);
-
+    // The current user key of a session is its user's hive.
+    SettingsStore store;
+    const std::string own = store.path() + "/HKCU/Software/Test";
+    const std::string users = store.path() + "/HKU/" + std::to_string(login.uid) + "/software/test";
+    std::filesystem::create_directories(own);
+    std::filesystem::create_directories(users);
     LxRegKey mine("HKCU\\Software\\Test");
     EXPECT_EQ(mine.OpenKey(), 0u);
     EXPECT_EQ(mine.GetPath(), own);
@@ -338,13 +278,7 @@ TEST(LxProcessUtils, TheCurrentUserKeyOfASessionIsItsUsersHive)
     WaitableLogCapture capture(LOG_LEVEL_ERROR);
     LxRegKey nobody("HKCU\\Software\\Test", LxRegKey::Win32Default, 0);
     EXPECT_EQ(nobody.OpenKey(), LxRegKey::kErrorNotFound);
-    EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
-
-    if (saved)
-        setenv("LXREG_ROOT", savedRoot.c_str(), 1);
-    else
-        unsetenv("LXREG_ROOT");
-    RunProgram({"/bin/rm", "-rf", root});
+    EXPECT_EQ(capture.Count("Unable to get user token of session (id: 0)", true), 1u);
 }
 
 TEST(LxProcessUtils, ThreadNamesReachTheKernelKeepingTheThreadPart)
@@ -357,34 +291,30 @@ TEST(LxProcessUtils, ThreadNamesReachTheKernelKeepingTheThreadPart)
     });
     const pid_t otherTid = tid.get_future().get();
     ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "tolvClientWorker!LogPollThread");
-    EXPECT_EQ(KernelThreadName(otherTid), "LogPollThread");
+    EXPECT_EQ(ThreadStatus(otherTid, "comm"), "LogPollThread");
     ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "w!Poll");
-    EXPECT_EQ(KernelThreadName(otherTid), "w!Poll");
+    EXPECT_EQ(ThreadStatus(otherTid, "comm"), "w!Poll");
     named.set_value();
     other.join();
 
-    const std::string before = KernelThreadName(gettid());
+    const std::string before = ThreadStatus(gettid(), "comm");
     ProcessUtils::SetThreadName(kNoSession, "a-very-long-thread-name-without-module");
-    EXPECT_EQ(KernelThreadName(gettid()), "a-very-long-thr");
+    EXPECT_EQ(ThreadStatus(gettid(), "comm"), "a-very-long-thr");
     ProcessUtils::SetThreadName(kNoSession, before.c_str());
 }
 
 TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
 {
     // This test program carries the version record of the library it links.
-    char self[4096];
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    ASSERT_GT(n, 0);
-    const std::string image(self, static_cast<size_t>(n));
+    const std::string image = std::filesystem::read_symlink("/proc/self/exe");
     const std::string time = ProcessUtils::GetFileTimeText(image);
     ASSERT_FALSE(time.empty());
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(image), "version=" TOLV_VERSION_TEXT " (" + time + ")");
 
-    // A file without the record, with a known time.
+    // Half an ELF header: read as a file without a version record, never past its end.
     char path[] = "/tmp/tolvverXXXXXX";
     const int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
-    // Half an ELF header: read as a file without a version record, never past its end.
     const char elfStart[] = {0x7f, 'E', 'L', 'F', 2, 1, 1, 0};
     ASSERT_EQ(write(fd, elfStart, sizeof elfStart), static_cast<ssize_t>(sizeof elfStart));
     close(fd);

@@ -2,8 +2,7 @@
 // Helpers of the support-library tests: a log capture that can be waited on,
 // and a count of the process's threads and descriptors.
 
-#include <tolv/log/Log.h>
-#include <tolv/log/LogSink.h>
+#include "common/LogCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +14,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-using namespace tolv::log;
 
 // Generous: the tests wait for events, never for time, so this only bounds a failure.
 constexpr auto kTestPatience = std::chrono::seconds(60);
@@ -37,62 +34,39 @@ public:
     void Write(const LogLine& line) override
     {
         std::lock_guard<std::mutex> guard(m_mutex);
-        m_lines.push_back({line.level, line.functionName, std::string(line.text)});
+        m_lines.push_back({line.level, "", line.functionName, std::string(line.text)});
         m_changed.notify_all();
     }
-
-    struct Line {
-        int32_t level;
-        std::string function;
-        std::string text;
-    };
-    std::vector<Line> Lines() const
+    std::vector<CapturedLine> Lines() const
     {
         std::lock_guard<std::mutex> guard(m_mutex);
         return m_lines;
     }
-    size_t Count(const std::string& text) const
+    // Lines equal to `text`, or containing it when `part`.
+    size_t Count(const std::string& text, bool part = false) const
     {
         std::lock_guard<std::mutex> guard(m_mutex);
-        return CountLocked(text);
+        return CountLocked(text, part);
     }
-    size_t CountContaining(const std::string& part) const
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        size_t n = 0;
-        for (const Line& l : m_lines)
-            n += l.text.find(part) != std::string::npos;
-        return n;
-    }
-    bool WaitForContaining(const std::string& part)
+    // True once such a line has been written.
+    bool WaitFor(const std::string& text, bool part = false)
     {
         std::unique_lock<std::mutex> guard(m_mutex);
-        return m_changed.wait_for(guard, kTestPatience, [&] {
-            for (const Line& l : m_lines)
-                if (l.text.find(part) != std::string::npos)
-                    return true;
-            return false;
-        });
-    }
-    // True once a line equal to `text` has been written.
-    bool WaitFor(const std::string& text)
-    {
-        std::unique_lock<std::mutex> guard(m_mutex);
-        return m_changed.wait_for(guard, kTestPatience, [&] { return CountLocked(text) > 0; });
+        return m_changed.wait_for(guard, kTestPatience, [&] { return CountLocked(text, part) > 0; });
     }
 
 private:
-    size_t CountLocked(const std::string& text) const
+    size_t CountLocked(const std::string& text, bool part) const
     {
         size_t n = 0;
-        for (const Line& l : m_lines)
-            n += l.text == text;
+        for (const CapturedLine& l : m_lines)
+            n += part ? l.text.find(text) != std::string::npos : l.text == text;
         return n;
     }
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<Line> m_lines;
+    std::vector<CapturedLine> m_lines;
     LogSink* m_previous = nullptr;
     int32_t m_savedLevel;
 };
@@ -121,7 +95,6 @@ public:
         m_fds = CountEntries("/proc/self/fd");
         m_threads = CountEntries("/proc/self/task");
     }
-
     void Check() const
     {
         const auto deadline = std::chrono::steady_clock::now() + kTestPatience;
