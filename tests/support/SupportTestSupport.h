@@ -1,75 +1,24 @@
 #pragma once
-// Helpers of the support-library tests: a log capture that can be waited on,
-// and a count of the process's threads and descriptors.
+// Helpers of the support-library tests: a wait for a log line, and a count of
+// the process's threads and descriptors.
 
 #include "common/LogCapture.h"
+#include "common/ProcessProbe.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 // Generous: the tests wait for events, never for time, so this only bounds a failure.
 constexpr auto kTestPatience = std::chrono::seconds(60);
 
-class WaitableLogCapture final : public LogSink {
-public:
-    explicit WaitableLogCapture(int32_t level = LOG_LEVEL_NEVER) : m_savedLevel(CurrentLogLevel.load())
-    {
-        m_previous = SetLogSink(this);
-        SetCurrentLogLevel(level);
-    }
-    ~WaitableLogCapture() override
-    {
-        SetCurrentLogLevel(m_savedLevel);
-        SetLogSink(m_previous);
-    }
-
-    void Write(const LogLine& line) override
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_lines.push_back({line.level, "", line.functionName, std::string(line.text)});
-        m_changed.notify_all();
-    }
-    std::vector<CapturedLine> Lines() const
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_lines;
-    }
-    // Lines equal to `text`, or containing it when `part`.
-    size_t Count(const std::string& text, bool part = false) const
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return CountLocked(text, part);
-    }
-    // True once such a line has been written.
-    bool WaitFor(const std::string& text, bool part = false)
-    {
-        std::unique_lock<std::mutex> guard(m_mutex);
-        return m_changed.wait_for(guard, kTestPatience, [&] { return CountLocked(text, part) > 0; });
-    }
-
-private:
-    size_t CountLocked(const std::string& text, bool part) const
-    {
-        size_t n = 0;
-        for (const CapturedLine& l : m_lines)
-            n += part ? l.text.find(text) != std::string::npos : l.text == text;
-        return n;
-    }
-
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<CapturedLine> m_lines;
-    LogSink* m_previous = nullptr;
-    int32_t m_savedLevel;
-};
+// True once a line containing `part` has been written.
+inline bool WaitForLine(const ScopedLogCapture& log, const std::string& part)
+{
+    return WaitUntil([&] { return log.CountContaining(part) > 0; }, kTestPatience);
+}
 
 inline size_t CountEntries(const char* dir)
 {
@@ -97,9 +46,7 @@ public:
     }
     void Check() const
     {
-        const auto deadline = std::chrono::steady_clock::now() + kTestPatience;
-        while (CountEntries("/proc/self/task") > m_threads && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
+        WaitUntil([&] { return CountEntries("/proc/self/task") <= m_threads; }, kTestPatience);
         EXPECT_EQ(CountEntries("/proc/self/task"), m_threads) << "a thread was left behind";
         EXPECT_EQ(CountEntries("/proc/self/fd"), m_fds) << "a descriptor was left behind";
     }

@@ -1,0 +1,384 @@
+// Events, mutexes and threads.
+
+#include "support/LxEvent.h"
+#include "support/LxMutex.h"
+#include "support/LxMutexLock.h"
+#include "support/LxThread.h"
+
+#include "SupportTestSupport.h"
+#include "common/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+namespace {
+
+class LxSyncTest : public ::testing::Test {
+protected:
+    void TearDown() override { m_resources.Check(); }
+    ScopedLogCapture log{LOG_LEVEL_VERBOSE};
+
+private:
+    ResourceSnapshot m_resources; // taken before the test body makes anything
+};
+using LxEventTest = LxSyncTest;
+using LxMutexTest = LxSyncTest;
+using LxThreadTest = LxSyncTest;
+
+std::ifstream TaskFile(pid_t tid, const char* name)
+{
+    return std::ifstream("/proc/self/task/" + std::to_string(tid) + "/" + name);
+}
+
+// " <what> thread 0x%04x", as the mutex warnings name a holder.
+std::string HeldBy(const char* what, uint32_t tid)
+{
+    char tail[64];
+    snprintf(tail, sizeof tail, " %s thread 0x%04x", what, tid);
+    return tail;
+}
+
+TEST_F(LxEventTest, ManualResetStaysSignalledAutoResetReleasesOneWait)
+{
+    LxEvent manual(true, false);
+    EXPECT_EQ(manual.Wait(0), LxEvent::kTimeout);
+    EXPECT_TRUE(manual.Set());
+    EXPECT_TRUE(manual.Set());
+    EXPECT_EQ(manual.Wait(0), 0);
+    EXPECT_EQ(manual.Wait(0), 0);
+    EXPECT_TRUE(manual.Reset());
+    EXPECT_EQ(manual.Wait(0), LxEvent::kTimeout);
+
+    LxEvent automatic(false, true);
+    EXPECT_EQ(automatic.Wait(0), 0); // initially signalled
+    EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
+    automatic.Set();
+    automatic.Set(); // two settings before a wait release one wait
+    EXPECT_EQ(automatic.Wait(0), 0);
+    EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
+
+    LxEvent empty;
+    EXPECT_FALSE(empty.Set());
+    EXPECT_EQ(empty.Wait(0), LxEvent::kFailed);
+}
+
+TEST_F(LxEventTest, AutoResetSetReleasesExactlyOneOfTwoWaiters)
+{
+    LxEvent event(false, false);
+    LxEvent done(false, false);
+    std::atomic<int> released{0};
+    auto waiter = [&] {
+        if (event.Wait() == 0) {
+            ++released;
+            done.Set();
+        }
+    };
+    std::thread first(waiter), second(waiter);
+    event.Set();
+    ASSERT_EQ(done.Wait(), 0);
+    EXPECT_EQ(released, 1); // the second waiter needs a second setting
+    event.Set();
+    ASSERT_EQ(done.Wait(), 0);
+    first.join();
+    second.join();
+    EXPECT_EQ(released, 2);
+}
+
+TEST_F(LxEventTest, WaitForMultipleReportsTheLowestSignalledAndWaitAllNeedsEvery)
+{
+    LxEvent a(true, false);
+    LxEvent b(false, false);
+    LxEvent c(true, false);
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), LxEvent::kTimeout);
+    c.Set();
+    b.Set();
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), 1);
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b, &c}, false, 0), 2); // b was taken; c stays signalled
+    std::thread setter([&] { a.Set(); }); // a wake from another thread ends an infinite wait
+    EXPECT_EQ(LxEvent::WaitForMultiple({&b, &a}, false, LxEvent::kInfinite), 1);
+    setter.join();
+
+    LxEvent empty;
+    std::vector<LxEvent*> tooMany(LxEvent::kMaxWaitObjects + 1, &a);
+    for (const std::vector<LxEvent*>& bad : {std::vector<LxEvent*>{&a, nullptr}, {&a, &empty}, {}, tooMany})
+        EXPECT_EQ(LxEvent::WaitForMultiple(bad, false, 0), LxEvent::kFailed) << bad.size();
+
+    // Wait-all: a (manual, set) alone is not enough; the auto-reset one is taken.
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b}, true, 0), LxEvent::kTimeout);
+    std::thread allSetter([&] { b.Set(); });
+    EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b}, true, LxEvent::kInfinite), 0);
+    allSetter.join();
+    EXPECT_EQ(b.Wait(0), LxEvent::kTimeout);
+    EXPECT_EQ(a.Wait(0), 0);
+}
+
+// An event can wrap any descriptor; the settings watcher waits on inotify.
+TEST_F(LxEventTest, ADescriptorEventIsSignalledWhileReadable)
+{
+    TempDir dir;
+    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(fd, dir.path().c_str(), IN_CREATE), 0);
+    LxEvent watch(fd, true);
+    LxEvent stop(true, false);
+    EXPECT_EQ(LxEvent::WaitForMultiple({&stop, &watch}, false, 0), LxEvent::kTimeout);
+    EXPECT_FALSE(watch.Set()); // only its owner changes its state
+    std::thread writer([&] { std::ofstream(dir.file("value")) << "1"; });
+    EXPECT_EQ(LxEvent::WaitForMultiple({&stop, &watch}, false, LxEvent::kInfinite), 1);
+    writer.join();
+    EXPECT_EQ(watch.Wait(0), 0); // not consumed by the wait
+    char buffer[4096];
+    EXPECT_GT(read(fd, buffer, sizeof buffer), 0);
+    EXPECT_EQ(watch.Wait(0), LxEvent::kTimeout);
+
+    int pipeFds[2]; // not owned: the descriptor outlives the event
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    { LxEvent borrowed(pipeFds[0], false); }
+    EXPECT_EQ(close(pipeFds[0]), 0);
+    EXPECT_EQ(close(pipeFds[1]), 0);
+}
+
+TEST_F(LxMutexTest, RecursiveHoldCountsDepthAndOthersTimeOutSilently)
+{
+    LxMutex m;
+    m.SetDeadlockWarningMs(1); // would fire if a finite wait ever used it
+    ASSERT_TRUE(m.Acquire());
+    ASSERT_TRUE(m.Acquire(0));
+    EXPECT_EQ(m.GetDepth(), 2);
+    EXPECT_EQ(m.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+    LxMutex copy = m; // a copy of the handle is the same mutex
+    std::thread([&] {
+        EXPECT_FALSE(copy.Acquire(0));
+        EXPECT_FALSE(copy.Acquire(20));
+        EXPECT_FALSE(copy.Release()); // not the holder
+    }).join();
+    EXPECT_TRUE(m.Release());
+    EXPECT_TRUE(m.Release());
+    EXPECT_FALSE(m.Release()); // not held any more
+    {
+        LxMutexLock guard(m);
+        EXPECT_EQ(m.GetDepth(), 1);
+        guard.Unlock(); // steps out, so another thread gets it, and back
+        std::thread([&] {
+            EXPECT_TRUE(copy.Acquire(0));
+            EXPECT_TRUE(copy.Release());
+        }).join();
+        guard.Lock();
+        EXPECT_TRUE(guard.IsHeld());
+    }
+    EXPECT_EQ(m.GetDepth(), 0);
+    LxMutex owned(true);
+    EXPECT_TRUE(owned.Release());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+// Thread 1 holds A and waits for B; thread 2 holds B and tries A: the classic
+// inversion. Thread 2 backs off only once thread 1 has warned, so the warning
+// cannot depend on how fast either thread runs.
+TEST_F(LxMutexTest, LockOrderInversionWarnsOfAPossibleDeadlockOnce)
+{
+    LxMutex a;
+    LxMutex b;
+    a.SetDeadlockWarningMs(50);
+    b.SetDeadlockWarningMs(50);
+    LxEvent aHeld(true, false);
+    LxEvent bHeld(true, false);
+    std::atomic<uint32_t> thread2{0};
+    std::thread t2([&] {
+        thread2 = static_cast<uint32_t>(gettid());
+        ASSERT_TRUE(b.Acquire());
+        bHeld.Set();
+        ASSERT_EQ(aHeld.Wait(), 0);
+        EXPECT_FALSE(a.Acquire(0)); // A is thread 1's
+        EXPECT_TRUE(WaitForLine(log, "Possible deadlock"));
+        EXPECT_TRUE(b.Release());
+    });
+    std::thread t1([&] {
+        ASSERT_TRUE(a.Acquire());
+        aHeld.Set();
+        ASSERT_EQ(bHeld.Wait(), 0);
+        EXPECT_TRUE(b.Acquire()); // warns, then waits on until thread 2 backs off
+        EXPECT_EQ(b.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+        EXPECT_TRUE(b.Release());
+        EXPECT_TRUE(a.Release());
+    });
+    t1.join();
+    t2.join();
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, LOG_LEVEL_WARN);
+    EXPECT_EQ(lines[0].function, "LxMutex::Acquire()");
+    EXPECT_TRUE(lines[0].text.starts_with("Possible deadlock trying to acquire lock 0x")) << lines[0].text;
+    EXPECT_TRUE(lines[0].text.ends_with(HeldBy("held by", thread2))) << lines[0].text;
+}
+
+// A holder that ends without releasing leaves the mutex abandoned; the next
+// taker gets it with a warning and a fresh depth.
+TEST_F(LxMutexTest, AbandonedMutexIsTakenOverWithAWarning)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not follow a robust mutex to its next owner";
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    GTEST_SKIP() << "ThreadSanitizer does not follow a robust mutex to its next owner";
+#endif
+#endif
+    LxMutex m;
+    std::atomic<uint32_t> holder{0};
+    std::thread([&] {
+        holder = static_cast<uint32_t>(gettid());
+        ASSERT_TRUE(m.Acquire());
+        ASSERT_TRUE(m.Acquire()); // a recursive hold: the taker still starts at depth 1
+    }).join();
+    ASSERT_TRUE(m.Acquire());
+    EXPECT_EQ(m.GetDepth(), 1);
+    EXPECT_EQ(m.GetOwnerThreadId(), static_cast<uint32_t>(gettid()));
+    EXPECT_TRUE(m.Release());
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].text.starts_with("Acquired abandoned lock 0x")) << lines[0].text;
+    EXPECT_TRUE(lines[0].text.ends_with(HeldBy("previously held by", holder))) << lines[0].text;
+}
+
+TEST_F(LxThreadTest, CallbackReturningFalseEndsTheThreadWithItsReason)
+{
+    std::string kernelName;
+    {
+        LxThread nothing("Nothing");
+        EXPECT_FALSE(nothing.Start(nullptr, nullptr, 1));
+        EXPECT_FALSE(nothing.IsRunning());
+        LxThread thread("ExitingAtOnceWithALongName");
+        ASSERT_TRUE(thread.Start(
+            [&](void*, LxThread* owner) {
+                TaskFile(gettid(), "comm") >> kernelName;
+                EXPECT_EQ(owner, &thread);
+                EXPECT_TRUE(owner->IsCurrentThread());
+                return false;
+            },
+            nullptr, 10));
+        EXPECT_FALSE(thread.IsCurrentThread());
+        ASSERT_EQ(thread.GetExitedEvent().Wait(), 0);
+        EXPECT_TRUE(thread.WaitForStop(0));
+        EXPECT_FALSE(thread.IsRunning());
+        EXPECT_EQ(thread.GetStopEvent().Wait(0), 0); // an ending callback signals stop as well
+    }
+    EXPECT_EQ(kernelName, "ExitingAtOnceWi"); // the kernel keeps 15 bytes
+    EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName started"), 1u);
+    EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName exited by callback"), 1u);
+}
+
+// With no interval the callback runs once at start and then once per wake;
+// wakes and the stop come from other threads.
+TEST_F(LxThreadTest, WithoutIntervalOnlyWakesRunTheCallbackAndStopEndsIt)
+{
+    std::atomic<int> cycles{0};
+    LxEvent cycled(false, false);
+    LxThread thread("Waker");
+    ASSERT_TRUE(thread.Start(
+        [&](void* context, LxThread*) {
+            EXPECT_EQ(context, &cycles);
+            ++cycles;
+            cycled.Set();
+            return true;
+        },
+        &cycles, LxEvent::kInfinite));
+    ASSERT_EQ(cycled.Wait(), 0);
+    EXPECT_FALSE(thread.Start([](void*, LxThread*) { return true; }, nullptr, 1)); // already started
+    for (int i = 0; i < 3; ++i) {
+        std::thread([&] { EXPECT_TRUE(thread.Wake()); }).join();
+        ASSERT_EQ(cycled.Wait(), 0);
+    }
+    EXPECT_TRUE(thread.IsRunning());
+    std::thread([&] { EXPECT_TRUE(thread.Stop(LxEvent::kInfinite)); }).join();
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_EQ(cycles, 4);
+    EXPECT_EQ(log.Count("Thread Waker exited"), 1u);
+    // Stopped and joined: it may be started again.
+    ASSERT_TRUE(thread.Start([](void*, LxThread*) { return false; }, nullptr, LxEvent::kInfinite));
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+}
+
+TEST_F(LxThreadTest, IntervalRunsCyclesUntilStopAndAThreadCannotWaitForItself)
+{
+    std::atomic<int> cycles{0};
+    std::atomic<bool> selfStop{true};
+    LxThread thread("Periodic");
+    ASSERT_TRUE(thread.Start(
+        [&](void*, LxThread* owner) {
+            if (++cycles == 3)
+                selfStop = owner->Stop(LxEvent::kInfinite); // asks, but cannot wait for itself
+            return true;
+        },
+        nullptr, 1));
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+    EXPECT_FALSE(selfStop);
+    EXPECT_EQ(cycles, 3); // the stop request ended the loop before a fourth cycle
+}
+
+// A thread that leaves through pthread_exit never reaches the end of its loop;
+// the end-of-thread event still lets a waiter see it go.
+TEST_F(LxThreadTest, AThreadThatEndsUnexpectedlyIsNoticedAndJoined)
+{
+    LxThread thread("Vanishing");
+    std::atomic<uint32_t> tid{0};
+    ASSERT_TRUE(thread.Start(
+        [&](void*, LxThread*) -> bool {
+            tid = static_cast<uint32_t>(gettid());
+            pthread_exit(nullptr);
+        },
+        nullptr, LxEvent::kInfinite));
+    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
+    char text[128];
+    snprintf(text, sizeof text, "Thread Vanishing(0x%04X) exited unexpectedly", tid.load());
+    EXPECT_EQ(log.Count(text), 1u);
+    EXPECT_EQ(thread.GetExitedEvent().Wait(0), 0);
+    EXPECT_EQ(log.Count("Thread Vanishing exited"), 0u);
+}
+
+// Dropping the handle of a running thread detaches it; it runs its callback
+// one last time, with no owner, and ends by itself, dropping the shared data.
+TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
+{
+    std::atomic<int> cycles{0};
+    std::atomic<int> ownerlessRuns{0};
+    std::atomic<pid_t> tid{0};
+    LxEvent started(true, false);
+    auto thread = std::make_unique<LxThread>("Orphan");
+    ASSERT_TRUE(thread->Start(
+        [&](void*, LxThread* owner) {
+            ++cycles;
+            ownerlessRuns += owner == nullptr;
+            tid = gettid();
+            started.Set();
+            return true;
+        },
+        nullptr, LxEvent::kInfinite));
+    ASSERT_EQ(started.Wait(), 0);
+    // Dropped while the thread waits for its next cycle, in poll(2) or ppoll(2).
+    ASSERT_TRUE(WaitUntil([&] {
+        long call = -1;
+        TaskFile(tid, "syscall") >> call;
+        return call == SYS_poll || call == SYS_ppoll;
+    }));
+    const LxEvent ended = thread->GetThreadHandleEvent();
+    thread.reset();
+    ASSERT_EQ(ended.Wait(), 0);
+    EXPECT_EQ(cycles, 2);
+    EXPECT_EQ(ownerlessRuns, 1);
+    EXPECT_EQ(log.CountContaining("Setting deleted flag for thread Orphan(0x"), 1u);
+    EXPECT_EQ(log.Count("Thread Orphan was deleted"), 1u);
+    // Named for debuggers after the module and the thread.
+    EXPECT_EQ(log.CountContaining("\"support_tests!Orphan\") [OK]"), 1u);
+}
+
+} // namespace
