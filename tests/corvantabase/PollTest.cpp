@@ -11,16 +11,22 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-constexpr int64_t kHourUs = 3600LL * 1000 * 1000;
 
 class PollTest : public ::testing::Test {
 protected:
     void SetUp() override { Poll_InitDefault(); }
     void TearDown() override { Poll_Exit(); }
+    // Runs the loop until `quit` is raised, after `delayUs` when given.
+    void LoopFor(int64_t delayUs = -1)
+    {
+        if (delayUs >= 0) {
+            ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, delayUs, false, nullptr), kPollSuccess);
+        }
+        Poll_Loop(true, &quit, POLL_CLASS_MAIN);
+    }
+    static void RaiseFlag(void* flag) { static_cast<PollExitFlag*>(flag)->Raise(); }
     PollExitFlag quit;
 };
-
-void RaiseFlag(void* flag) { static_cast<PollExitFlag*>(flag)->Raise(); }
 
 struct Counter {
     std::atomic<int> runs{0};
@@ -41,48 +47,33 @@ void Count(void* data)
     }
 }
 
-TEST_F(PollTest, TimersRunOnTheLoopThreadOnceOrUntilRemoved)
+TEST_F(PollTest, TimersRunOnTheLoopThreadOnceOrUntilRemovedAndRemovalMatchesAllThree)
 {
-    Counter once, periodic;
+    Counter once, periodic, both; // `both` is registered once and periodically; its periodic one goes
     periodic.stopAt = 5;
     const auto start = Clock::now();
     ASSERT_EQ(Poll_CB_RTime(Count, &once, 30'000, false, nullptr), kPollSuccess);
     ASSERT_EQ(Poll_CB_RTime(Count, &periodic, 5'000, true, nullptr), kPollSuccess);
-    // Well past further periods, so a periodic that still re-armed would show.
-    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 300'000, false, nullptr), kPollSuccess);
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-
+    ASSERT_EQ(Poll_CB_RTime(Count, &both, 10'000, false, nullptr), kPollSuccess);
+    ASSERT_EQ(Poll_CB_RTime(Count, &both, 10'000, true, nullptr), kPollSuccess);
+    EXPECT_FALSE(Poll_CB_RTimeRemove(RaiseFlag, &both, false));
+    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &once, true));
+    EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &both, true));
+    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &both, true));
+    Poll_Loop(false, &quit, POLL_CLASS_MAIN); // a single pass runs only what is due
+    EXPECT_EQ(once.runs + periodic.runs + both.runs, 0);
+    LoopFor(300'000); // well past further periods, so a periodic that still re-armed would show
     EXPECT_EQ(once.runs, 1);
     EXPECT_EQ(once.thread, std::this_thread::get_id());
     EXPECT_GE(once.firstRun - start, 30ms);
     EXPECT_EQ(periodic.runs, 5);
+    EXPECT_EQ(both.runs, 1);
     EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &once, false)); // fired: nothing left
-}
-
-TEST_F(PollTest, RemovalMatchesCallbackDataAndKind)
-{
-    Counter a, b;
-    ASSERT_EQ(Poll_CB_RTime(Count, &a, 10'000, false, nullptr), kPollSuccess);
-    ASSERT_EQ(Poll_CB_RTime(Count, &b, 10'000, false, nullptr), kPollSuccess);
-    ASSERT_EQ(Poll_CB_RTime(Count, &b, 10'000, true, nullptr), kPollSuccess);
-    EXPECT_FALSE(Poll_CB_RTimeRemove(RaiseFlag, &a, false));
-    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &a, true));
-    EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &a, false));
-    EXPECT_FALSE(Poll_CB_RTimeRemove(Count, &a, false));
-    EXPECT_TRUE(Poll_CB_RTimeRemove(Count, &b, true));
-
-    // A single pass runs only what is due.
-    Poll_Loop(false, &quit, POLL_CLASS_MAIN);
-    EXPECT_EQ(b.runs, 0);
-    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, &quit, 150'000, false, nullptr), kPollSuccess);
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
-    EXPECT_EQ(a.runs, 0);
-    EXPECT_EQ(b.runs, 1);
 }
 
 TEST_F(PollTest, FlagOrTimerFromAnotherThreadWakesAWaitOfAnHour)
 {
-    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, kHourUs, false, nullptr), kPollSuccess);
+    ASSERT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, 3600LL * 1000 * 1000, false, nullptr), kPollSuccess);
     for (bool viaTimer : {false, true}) {
         quit.Reset();
         const auto start = Clock::now();
@@ -92,7 +83,7 @@ TEST_F(PollTest, FlagOrTimerFromAnotherThreadWakesAWaitOfAnHour)
             else
                 quit.Raise();
         });
-        Poll_Loop(true, &quit, POLL_CLASS_MAIN);
+        LoopFor();
         other.join();
         EXPECT_LT(Clock::now() - start, 30s) << viaTimer;
     }
@@ -109,8 +100,7 @@ void BlockUntilRemoving(void* data)
     auto* b = static_cast<Blocking*>(data);
     b->entered.set_value();
     b->removing.get_future().wait();
-    // Room for a faulty removal to return early; a correct one waits anyway.
-    std::this_thread::sleep_for(20ms);
+    std::this_thread::sleep_for(20ms); // room for a faulty removal to return early; a correct one waits anyway
     b->finished = true;
 }
 
@@ -122,18 +112,17 @@ TEST_F(PollTest, RemovalFromAnotherThreadWaitsForTheRunningCallback)
     bool removed = false, finishedFirst = false, lockHeld = false;
     std::thread remover([&] {
         b.entered.get_future().wait();
-        if (clientLock.try_lock())
+        lockHeld = !clientLock.try_lock(); // the given lock is held around the run
+        if (!lockHeld)
             clientLock.unlock();
-        else
-            lockHeld = true;
         b.removing.set_value();
         removed = Poll_CB_RTimeRemove(BlockUntilRemoving, &b, true);
         finishedFirst = b.finished;
         quit.Raise();
     });
-    Poll_Loop(true, &quit, POLL_CLASS_MAIN);
+    LoopFor();
     remover.join();
-    EXPECT_TRUE(lockHeld); // the given lock is held around the run
+    EXPECT_TRUE(lockHeld);
     EXPECT_TRUE(removed);
     EXPECT_TRUE(finishedFirst);
 }
@@ -144,7 +133,6 @@ TEST_F(PollTest, TearDownEndsTheLoopAndRefusesRegistrations)
     Poll_Loop(true, nullptr, POLL_CLASS_MAIN);
     exiter.join();
     EXPECT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, 1000, false, nullptr), kPollNotInitialized);
-
     Poll_InitDefault();
     EXPECT_EQ(Poll_CB_RTime(nullptr, nullptr, 1000, false, nullptr), kPollInvalidArgument);
     EXPECT_EQ(Poll_CB_RTime(RaiseFlag, nullptr, -1, false, nullptr), kPollInvalidArgument);

@@ -15,9 +15,12 @@
 
 namespace {
 
-using HeapText = std::unique_ptr<char, decltype(&std::free)>;
-
-HeapText SafeTmpDir() { return HeapText(File_GetSafeTmpDir(false), &std::free); }
+// The directory File_GetSafeTmpDir gives, or "" for none.
+std::string SafeTmpDir()
+{
+    std::unique_ptr<char, decltype(&std::free)> dir(File_GetSafeTmpDir(false), &std::free);
+    return dir ? dir.get() : "";
+}
 
 class SafeTmpDirTest : public ::testing::Test {
 protected:
@@ -37,17 +40,13 @@ protected:
 TEST_F(SafeTmpDirTest, CreatesAPrivateDirectoryWhateverTheUmaskAndFindsItAgain)
 {
     const mode_t oldMask = umask(0);
-    HeapText first = SafeTmpDir();
+    EXPECT_EQ(SafeTmpDir(), expected);
     umask(oldMask);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(std::string(first.get()), expected);
-    struct stat st {};
-    ASSERT_EQ(lstat(first.get(), &st), 0);
+    struct stat st{};
+    ASSERT_EQ(lstat(expected.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0700u);
-    HeapText second = SafeTmpDir();
-    ASSERT_TRUE(second);
-    EXPECT_EQ(std::string(second.get()), expected);
+    EXPECT_EQ(SafeTmpDir(), expected);
 }
 
 TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectory)
@@ -55,24 +54,21 @@ TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectory)
     ScopedLogCapture log;
     TempDir target; // private and ours, but reached through a symlink someone could repoint
     ASSERT_EQ(symlink(target.path().c_str(), expected.c_str()), 0);
-    EXPECT_FALSE(SafeTmpDir());
+    EXPECT_EQ(SafeTmpDir(), "");
     ASSERT_EQ(unlink(expected.c_str()), 0);
-
     ASSERT_EQ(close(open(expected.c_str(), O_CREAT | O_WRONLY, 0600)), 0);
-    EXPECT_FALSE(SafeTmpDir());
+    EXPECT_EQ(SafeTmpDir(), "");
     ASSERT_EQ(unlink(expected.c_str()), 0);
-
     ASSERT_EQ(mkdir(expected.c_str(), 0700), 0);
     for (mode_t open : {0777, 0750, 0701}) {
         ASSERT_EQ(chmod(expected.c_str(), open), 0);
-        EXPECT_FALSE(SafeTmpDir()) << std::oct << open;
+        EXPECT_EQ(SafeTmpDir(), "") << std::oct << open;
     }
     EXPECT_EQ(log.CountContaining(expected), 5u);
-
     if (geteuid() == 0) {
         ASSERT_EQ(chmod(expected.c_str(), 0700), 0);
         ASSERT_EQ(chown(expected.c_str(), 65534, 65534), 0);
-        EXPECT_FALSE(SafeTmpDir());
+        EXPECT_EQ(SafeTmpDir(), "");
         EXPECT_EQ(log.CountContaining("belongs to user 65534"), 1u);
     }
 }
@@ -81,13 +77,11 @@ TEST_F(SafeTmpDirTest, BaseIsTmpUnlessTmpdirIsAbsoluteAndMustExist)
 {
     for (const char* value : {"", "relative/dir"}) {
         setenv("TMPDIR", value, 1);
-        HeapText dir = SafeTmpDir();
-        ASSERT_TRUE(dir) << value;
-        EXPECT_EQ(std::string(dir.get()), "/tmp/" + ownName);
+        EXPECT_EQ(SafeTmpDir(), "/tmp/" + ownName) << value;
     }
     setenv("TMPDIR", (base.path() + "/missing/").c_str(), 1);
     ScopedLogCapture log;
-    EXPECT_FALSE(SafeTmpDir());
+    EXPECT_EQ(SafeTmpDir(), "");
     EXPECT_EQ(log.CountContaining("Failed to create the directory " + base.path() + "/missing/" + ownName), 1u);
 }
 

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 
 inline constexpr std::chrono::seconds kTestDeadline{30};
@@ -39,20 +38,9 @@ private:
 // A gate that callbacks block on until the test opens it.
 class Gate {
 public:
-    void open()
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    bool pass(std::chrono::milliseconds deadline = kTestDeadline)
-    {
-        std::unique_lock<std::mutex> guard(m_lock);
-        return m_changed.wait_for(guard, deadline, [&] { return m_open; });
-    }
+    void open() { m_opened.add(); }
+    bool pass(std::chrono::milliseconds deadline = kTestDeadline) { return m_opened.waitFor(1, deadline); }
 
 private:
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    bool m_open = false;
+    Counter m_opened;
 };
