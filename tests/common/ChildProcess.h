@@ -1,7 +1,9 @@
 #pragma once
-// A program run by a test: started with posix_spawn, its standard output and
+// A program run by a test: started with posix_spawnp, its standard output and
 // error captured in files, waited for through a pidfd with a time-out (and
 // killed when it runs over), never left behind.
+
+#include "common/TempDir.h"
 
 #include <sys/types.h>
 
@@ -17,11 +19,10 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return m_pid > 0 || m_exited; }
     pid_t pid() const { return m_pid; }
     // The exit code as a signed byte (so -1 reads as -1); -1000 - signal when
     // killed by a signal; -2000 when it did not end within `timeout` (it is
-    // killed then).
+    // killed then); -3000 when it never started.
     int Wait(std::chrono::milliseconds timeout = std::chrono::minutes(2));
     void Kill(int signal);
 
@@ -30,10 +31,10 @@ public:
 
 private:
     pid_t m_pid = -1;
-    bool m_exited = false;
-    int m_status = 0;
-    std::string m_dir;
+    int m_status = -3000;
+    TempDir m_dir;
 };
 
+std::string ReadFile(const std::string& path);
 // The text of every regular file in `directory` (not recursive), joined.
 std::string ReadAllFiles(const std::string& directory);

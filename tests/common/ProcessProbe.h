@@ -3,17 +3,27 @@
 // open descriptors, and a condition that other threads make true.
 
 #include <dirent.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstddef>
+#include <string>
 #include <thread>
 
-inline size_t OpenDescriptors()
+// Open descriptors of this process (only those open on `target`, when given).
+inline size_t OpenDescriptors(const std::string& target = {})
 {
     size_t count = 0;
     DIR* dir = ::opendir("/proc/self/fd");
-    while (dirent* entry = ::readdir(dir))
-        count += entry->d_name[0] != '.';
+    while (dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        char link[PATH_MAX];
+        const std::string fd = std::string("/proc/self/fd/") + entry->d_name;
+        const ssize_t n = target.empty() ? 0 : ::readlink(fd.c_str(), link, sizeof link);
+        count += target.empty() || (n > 0 && target == std::string(link, static_cast<size_t>(n)));
+    }
     ::closedir(dir);
     return count;
 }

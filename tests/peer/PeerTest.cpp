@@ -5,9 +5,9 @@
 #include "peer/DriveSession.h"
 #include "peer/InterruptWatch.h"
 #include "peer/LocalDrivePath.h"
-#include "peer/ProgressMeter.h"
 #include "peer/NtStatusText.h"
 #include "peer/PeerCommandLine.h"
+#include "peer/ProgressMeter.h"
 
 #include "platform/LittleEndian.h"
 #include <tolv/platform/NtStatus.h>
@@ -18,8 +18,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace tolv::worker;
 
@@ -29,9 +29,7 @@ std::optional<PeerOptions> Parse(std::vector<std::string> args)
 {
     std::string error;
     auto options = ParsePeerCommandLine(args, error);
-    if (!options) {
-        EXPECT_FALSE(error.empty());
-    }
+    EXPECT_EQ(options.has_value(), error.empty()) << error;
     return options;
 }
 
@@ -44,41 +42,69 @@ std::vector<uint8_t> Reply(uint64_t ioContext, uint32_t status, const std::vecto
     header.information = payload.size() >= 4 ? payload.size() - 4 : 0;
     header.payloadLength = static_cast<uint32_t>(payload.size());
     EncodeResponseHeader(record.data(), header);
-    if (!payload.empty())
-        std::memcpy(record.data() + DR_RSP_HEADER_SIZE, payload.data(), payload.size());
+    std::copy(payload.begin(), payload.end(), record.begin() + DR_RSP_HEADER_SIZE);
     return record;
 }
 
-// The ioContext, offset and length of a read request as the peer encoded it.
-struct ReadFields {
-    uint64_t ioContext = 0;
-    uint64_t offset = 0;
-    uint32_t length = 0;
+// A worker behind a DriveClient for a drive of `driveEnd` bytes, each its
+// offset's low byte: reads past the end get end of file, reads across it the
+// bytes up to it, and the read at `shortAt` one byte less than asked.
+struct FakeReadWorker {
+    struct ReadFields {
+        uint64_t ioContext = 0;
+        uint64_t offset = 0;
+        uint32_t length = 0;
+    };
+    static ReadFields Decode(const std::vector<uint8_t>& record)
+    {
+        DR_REQ_HEADER header;
+        DR_READ_REQ read;
+        EXPECT_TRUE(DecodeRequestHeader(record.data(), record.size(), header) &&
+                    DecodeReadRequest(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE, read));
+        return {header.ioContext, read.offset, read.length};
+    }
+
+    uint64_t driveEnd = UINT64_MAX;
+    uint64_t shortAt = UINT64_MAX;
+    // Holds a request back until a second one is sent, unless it is the last
+    // of the drive: a session that waits for each reply before sending on
+    // never ends.
+    bool holdFirst = false;
+    std::vector<uint32_t> lengths;
+    size_t maxInFlight = 0;
+    std::vector<ReadFields> queue;
+    DriveClient client{[this](std::shared_ptr<const std::vector<uint8_t>> record) {
+        queue.push_back(Decode(*record));
+        lengths.push_back(queue.back().length);
+        maxInFlight = std::max(maxInFlight, queue.size());
+        if (holdFirst && queue.size() < 2 && queue.back().offset + queue.back().length < driveEnd)
+            return true;
+        for (const ReadFields& read : queue) {
+            std::vector<uint8_t> reply;
+            if (read.offset >= driveEnd) {
+                reply = Reply(read.ioContext, tolv::platform::STATUS_END_OF_FILE, {});
+            } else {
+                uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(read.length, driveEnd - read.offset));
+                count -= read.offset == shortAt;
+                std::vector<uint8_t> payload(4 + count);
+                tolv::platform::StoreLe<uint32_t>(payload.data(), count);
+                for (uint32_t i = 0; i < count; ++i)
+                    payload[4 + i] = static_cast<uint8_t>(read.offset + i);
+                reply = Reply(read.ioContext, 0, payload);
+            }
+            client.OnMessage(reply.data(), reply.size());
+        }
+        queue.clear();
+        return true;
+    }};
 };
 
-ReadFields DecodeRead(const std::vector<uint8_t>& record)
+bool OffsetBytes(const std::vector<uint8_t>& data, uint64_t from)
 {
-    DR_REQ_HEADER header;
-    DecodeRequestHeader(record.data(), record.size(), header);
-    tolv::platform::LeReader reader(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE);
-    uint32_t id = 0, reserved = 0;
-    ReadFields fields;
-    fields.ioContext = header.ioContext;
-    reader.u32(id);
-    reader.u32(reserved);
-    reader.u64(fields.offset);
-    reader.u32(fields.length);
-    return fields;
-}
-
-// A successful read reply of `count` bytes, each its offset's low byte.
-std::vector<uint8_t> OffsetBytesReply(uint64_t ioContext, uint64_t offset, uint32_t count)
-{
-    std::vector<uint8_t> payload(4 + count);
-    tolv::platform::StoreLe<uint32_t>(payload.data(), count);
-    for (uint32_t i = 0; i < count; ++i)
-        payload[4 + i] = static_cast<uint8_t>(offset + i);
-    return Reply(ioContext, 0, payload);
+    for (size_t i = 0; i < data.size(); ++i)
+        if (data[i] != static_cast<uint8_t>(from + i))
+            return false;
+    return true;
 }
 
 } // namespace
@@ -107,29 +133,9 @@ TEST(PeerCommandLine, StepsRunInOrderWithTheirArguments)
     EXPECT_EQ(options->steps[5].file, "img");
 }
 
-TEST(PeerCommandLine, RefusesWhatItCannotRun)
+TEST(PeerCommandLine, OptionsAsLinuxToolsTakeThemAndRefusalsOfWhatItCannotRun)
 {
-    auto help = Parse({"--help"});
-    ASSERT_TRUE(help);
-    EXPECT_TRUE(help->help);
-    EXPECT_FALSE(Parse({}));
-    EXPECT_FALSE(Parse({"--quiet"}));
-    EXPECT_FALSE(Parse({"query", "E"}));
-    EXPECT_FALSE(Parse({"query", "EE", "/x"}));
-    EXPECT_FALSE(Parse({"query", "1", "/x"}));
-    EXPECT_FALSE(Parse({"read", "E", "-1", "10", "out"}));
-    EXPECT_FALSE(Parse({"read", "E", "0", "0", "out"}));
-    EXPECT_FALSE(Parse({"read", "E", "0", "4294967296", "out"}));
-    EXPECT_FALSE(Parse({"read", "E", "12x", "10", "out"}));
-    EXPECT_FALSE(Parse({"frobnicate"}));
-    EXPECT_FALSE(Parse({"--timeout", "0", "release", "E"}));
-    EXPECT_FALSE(Parse({"--worker", "w", "--endpoint", "g", "release", "E"}));
-    EXPECT_FALSE(Parse({"--worker"}));
-    EXPECT_FALSE(Parse({"--bogus", "release", "E"}));
-}
-
-TEST(PeerCommandLine, OptionsAsLinuxToolsTakeThem)
-{
+    EXPECT_TRUE(Parse({"--help"})->help);
     EXPECT_TRUE(Parse({"-h"})->help);
     EXPECT_TRUE(Parse({"--version"})->version);
     auto options = Parse({"-p", "--timeout=7", "--json", "--force", "--keep-partial", "--", "query", "E", "/x",
@@ -146,62 +152,47 @@ TEST(PeerCommandLine, OptionsAsLinuxToolsTakeThem)
     EXPECT_EQ(Parse({"--progress", "--quiet", "release", "E"})->progress, ProgressMode::Off);
     EXPECT_EQ(Parse({"--no-progress", "-p", "release", "E"})->progress, ProgressMode::On);
     EXPECT_EQ(Parse({"release", "E"})->progress, ProgressMode::Auto);
-    // Standard output holds either the data or the results.
-    EXPECT_FALSE(Parse({"--json", "query", "E", "/x", "read", "E", "0", "1", "-"}));
     EXPECT_TRUE(Parse({"--json", "query", "E", "/x", "read", "E", "0", "1", "out"}));
-    EXPECT_FALSE(Parse({"-x", "release", "E"}));
-    EXPECT_FALSE(Parse({"--timeout"}));
+
+    const std::vector<std::vector<std::string>> refused = {
+        {},
+        {"--quiet"},
+        {"query", "E"},
+        {"query", "EE", "/x"},
+        {"query", "1", "/x"},
+        {"read", "E", "-1", "10", "out"},
+        {"read", "E", "0", "0", "out"},
+        {"read", "E", "0", "4294967296", "out"},
+        {"read", "E", "12x", "10", "out"},
+        {"frobnicate"},
+        {"--timeout", "0", "release", "E"},
+        {"--timeout"},
+        {"--worker", "w", "--endpoint", "g", "release", "E"},
+        {"--worker"},
+        {"--bogus", "release", "E"},
+        {"-x", "release", "E"},
+        {"--json", "query", "E", "/x", "read", "E", "0", "1", "-"},  // standard output holds data or results
+    };
+    for (size_t i = 0; i < refused.size(); ++i)
+        EXPECT_FALSE(Parse(refused[i])) << "refusal " << i;
 }
 
 TEST(PeerCommandLine, ByteCountsAreDecimalWithBinarySuffixesOrHex)
 {
-    struct Row {
-        const char* text;
-        std::optional<uint64_t> value;
-    };
-    const Row rows[] = {
-        {"0", 0},
-        {"4096", 4096},
-        {"010", 10},  // never octal
-        {"08", 8},
-        {"1K", 1024},
-        {"1k", 1024},
-        {"3KiB", 3072},
-        {"2M", 2u << 20},
-        {"5MiB", 5u << 20},
-        {"1G", 1ull << 30},
-        {"7GiB", 7ull << 30},
-        {"2T", 2ull << 40},
-        {"1TiB", 1ull << 40},
-        {"0x1f", 0x1f},
-        {"0X1F", 0x1f},
-        {"0xffffffffffffffff", UINT64_MAX},
-        {"18446744073709551615", UINT64_MAX},
+    const std::pair<const char*, std::optional<uint64_t>> rows[] = {
+        {"0", 0}, {"4096", 4096}, {"010", 10} /* never octal */, {"08", 8}, {"1K", 1024}, {"1k", 1024},
+        {"3KiB", 3072}, {"2M", 2u << 20}, {"5MiB", 5u << 20}, {"1G", 1ull << 30}, {"7GiB", 7ull << 30},
+        {"2T", 2ull << 40}, {"1TiB", 1ull << 40}, {"0x1f", 0x1f}, {"0X1F", 0x1f},
+        {"0xffffffffffffffff", UINT64_MAX}, {"18446744073709551615", UINT64_MAX},
         {"16777215T", 16777215ull << 40},
-        {"16777216T", std::nullopt},  // past 2^64-1
-        {"18446744073709551616", std::nullopt},
-        {"0x10000000000000000", std::nullopt},
-        {"", std::nullopt},
-        {"K", std::nullopt},
-        {"1KB", std::nullopt},  // 1000 or 1024: refused rather than guessed
-        {"1Ki", std::nullopt},
-        {"1P", std::nullopt},
-        {"1.5M", std::nullopt},
-        {"0x", std::nullopt},
-        {"0x1K", std::nullopt},
-        {"-1", std::nullopt},
-        {"+1", std::nullopt},
-        {" 1", std::nullopt},
-        {"1 ", std::nullopt},
-        {"0b101", std::nullopt},
-    };
-    for (const Row& row : rows) {
+        // Refused: past 2^64-1, 1000 or 1024 (rather than guessed), and all else.
+        {"16777216T", {}}, {"18446744073709551616", {}}, {"0x10000000000000000", {}}, {"1KB", {}},
+        {"", {}}, {"K", {}}, {"1Ki", {}}, {"1P", {}}, {"1.5M", {}}, {"0x", {}}, {"0x1K", {}}, {"-1", {}},
+        {"+1", {}}, {" 1", {}}, {"1 ", {}}, {"0b101", {}}};
+    for (const auto& row : rows) {
         uint64_t value = 12345;
-        const bool parsed = ParseByteCount(row.text, value);
-        EXPECT_EQ(parsed, row.value.has_value()) << '"' << row.text << '"';
-        if (parsed && row.value) {
-            EXPECT_EQ(value, *row.value) << '"' << row.text << '"';
-        }
+        const bool parsed = ParseByteCount(row.first, value);
+        EXPECT_EQ(parsed ? std::optional<uint64_t>(value) : std::nullopt, row.second) << '"' << row.first << '"';
     }
 }
 
@@ -241,8 +232,7 @@ TEST(ProgressMeter, ShowsPercentBytesRateAndTimeLeft)
     std::fclose(out);
     const std::string shown(text, size);
     std::free(text);
-    // The rate is from the meter's start, so the times are approximate: the
-    // meter began a moment before `start`.
+    // The rate is from the meter's start, a moment before `start`.
     EXPECT_EQ(shown,
               "copy-out  25% 25.0 MiB of 100.0 MiB, 2.5 MiB/s, 0:30 left\n"
               "copy-out 100% 100.0 MiB of 100.0 MiB, 2.5 MiB/s, in 0:40\n");
@@ -334,33 +324,11 @@ TEST(DriveClient, NeverHandsOutTheNoResponseContextAndStopsWhenTheChannelGoesDow
 
 TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
 {
-    // A worker that answers every read with bytes equal to their offset's low byte.
-    std::vector<std::shared_ptr<const std::vector<uint8_t>>> queue;
-    DriveClient* clientRef = nullptr;
-    size_t maxInFlight = 0;
-    uint32_t shortAt = UINT32_MAX;
-    const uint64_t rangeEnd = 3 * DriveSession::kChunk + 123;
-    DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
-        queue.push_back(std::move(record));
-        maxInFlight = std::max(maxInFlight, queue.size());
-        // Hold the first request back until a second one is sent, so the test
-        // fails if the session waits for each reply before sending on; the
-        // last request of the range is answered at once.
-        const ReadFields last = DecodeRead(*queue.back());
-        if (queue.size() < 2 && last.offset + last.length < rangeEnd)
-            return true;
-        for (auto& r : queue) {
-            const auto [ioContext, offset, length] = DecodeRead(*r);
-            auto reply = OffsetBytesReply(ioContext, offset, offset == shortAt ? length - 1 : length);
-            clientRef->OnMessage(reply.data(), reply.size());
-        }
-        queue.clear();
-        return true;
-    });
-    clientRef = &client;
-    DriveSession session(client, std::chrono::seconds(30));
-
-    const uint64_t size = rangeEnd;
+    FakeReadWorker worker;
+    worker.driveEnd = 3 * DriveSession::kChunk + 123;
+    worker.holdFirst = true;
+    DriveSession session(worker.client, std::chrono::seconds(30));
+    const uint64_t size = worker.driveEnd;
     uint64_t received = 0;
     bool inOrder = true;
     uint32_t crc = 0;
@@ -369,8 +337,7 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
     ASSERT_TRUE(session.ReadRange(
         'E', 0, size,
         [&](const uint8_t* bytes, size_t count) {
-            for (size_t i = 0; i < count; ++i)
-                inOrder = inOrder && bytes[i] == static_cast<uint8_t>(received + i);
+            inOrder = inOrder && OffsetBytes(std::vector<uint8_t>(bytes, bytes + count), received);
             received += count;
             return true;
         },
@@ -379,9 +346,9 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
     EXPECT_EQ(received, size);
     EXPECT_EQ(done, size);
     EXPECT_TRUE(inOrder);
-    EXPECT_GT(maxInFlight, 1u);
+    EXPECT_GT(worker.maxInFlight, 1u);
 
-    shortAt = DriveSession::kChunk;  // the worker returns one byte less for the second chunk
+    worker.shortAt = DriveSession::kChunk;  // one byte less for the second chunk
     auto ignore = [](const uint8_t*, size_t) { return true; };
     EXPECT_FALSE(session.ReadRange('E', 0, size, ignore, false, crc, done, nullptr, error));
     EXPECT_NE(error.find("returned"), std::string::npos) << error;
@@ -392,52 +359,29 @@ TEST(DriveSession, ReadAllKeepsAWindowInFlightAndChecksEveryCount)
 
 TEST(DriveSession, AReadLongerThanOneRequestIsSplitIntoRepliesThatFitAndPutBackInOrder)
 {
-    // A drive of `driveEnd` bytes, each equal to its offset's low byte.
-    uint64_t driveEnd = 2 * uint64_t{DriveSession::kChunk} + 100;
-    std::vector<uint32_t> lengths;
-    DriveClient* clientRef = nullptr;
-    DriveClient client([&](std::shared_ptr<const std::vector<uint8_t>> record) {
-        const auto [ioContext, offset, length] = DecodeRead(*record);
-        lengths.push_back(length);
-        if (offset >= driveEnd) {
-            auto reply = Reply(ioContext, tolv::platform::STATUS_END_OF_FILE, {});
-            clientRef->OnMessage(reply.data(), reply.size());
-            return true;
-        }
-        auto reply = OffsetBytesReply(ioContext, offset,
-                                      static_cast<uint32_t>(std::min<uint64_t>(length, driveEnd - offset)));
-        clientRef->OnMessage(reply.data(), reply.size());
-        return true;
-    });
-    clientRef = &client;
-    DriveSession session(client, std::chrono::seconds(30));
-    auto inOrder = [](const std::vector<uint8_t>& data, uint64_t from) {
-        for (size_t i = 0; i < data.size(); ++i)
-            if (data[i] != static_cast<uint8_t>(from + i))
-                return false;
-        return true;
-    };
-
+    FakeReadWorker worker;
+    worker.driveEnd = 2 * uint64_t{DriveSession::kChunk} + 100;
+    DriveSession session(worker.client, std::chrono::seconds(30));
     std::vector<uint8_t> data;
     std::string error;
     ASSERT_TRUE(session.Read('E', 7, 2 * DriveSession::kChunk + 50, data, error)) << error;
     EXPECT_EQ(data.size(), 2 * DriveSession::kChunk + 50);
-    EXPECT_TRUE(inOrder(data, 7));
-    EXPECT_EQ(lengths.size(), 3u);
-    for (uint32_t length : lengths)
+    EXPECT_TRUE(OffsetBytes(data, 7));
+    EXPECT_EQ(worker.lengths.size(), 3u);
+    for (uint32_t length : worker.lengths)
         EXPECT_LE(length, DriveSession::kChunk);
 
     // Past the drive's end the read comes back short, whichever request finds it.
-    driveEnd = DriveSession::kChunk + 10;
+    worker.driveEnd = DriveSession::kChunk + 10;
     ASSERT_TRUE(session.Read('E', 0, 3 * DriveSession::kChunk, data, error)) << error;
     EXPECT_EQ(data.size(), DriveSession::kChunk + 10);
-    EXPECT_TRUE(inOrder(data, 0));
+    EXPECT_TRUE(OffsetBytes(data, 0));
     // One request's worth or less is one request, as before.
-    lengths.clear();
+    worker.lengths.clear();
     ASSERT_TRUE(session.Read('E', 4096, 4096, data, error)) << error;
-    EXPECT_EQ(lengths.size(), 1u);
-    EXPECT_TRUE(inOrder(data, 4096));
+    EXPECT_EQ(worker.lengths.size(), 1u);
+    EXPECT_TRUE(OffsetBytes(data, 4096));
     // A read that starts past the end fails with the drive's status.
-    EXPECT_FALSE(session.Read('E', driveEnd, 2 * DriveSession::kChunk, data, error));
+    EXPECT_FALSE(session.Read('E', worker.driveEnd, 2 * DriveSession::kChunk, data, error));
     EXPECT_NE(error.find("STATUS_END_OF_FILE"), std::string::npos) << error;
 }

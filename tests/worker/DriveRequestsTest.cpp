@@ -1,32 +1,22 @@
-#include <tolv/worker/DriveRequests.h>
+// The drive records' byte layout, drive path mapping and the mount table.
+
+#include "worker/DriveCalls.h"
+#include "worker/DriveServiceHarness.h"
+#include "worker/MountTable.h"
 
 #include <gtest/gtest.h>
+#include <sys/sysmacros.h>
 
-#include <vector>
-
-using namespace tolv::worker;
-
-namespace {
-std::vector<uint8_t> Bytes(std::initializer_list<int> list)
-{
-    std::vector<uint8_t> out;
-    for (int b : list)
-        out.push_back(static_cast<uint8_t>(b));
-    return out;
-}
-} // namespace
-
-TEST(DriveRequests, QueryRecordLayout)
+TEST(DriveRequests, QueryRecordLayoutAndItsTerminatedPath)
 {
     const auto record = EncodeQueryDiskRequest(0x1122334455667788ull, 0x1245, 0xA0B0C0D0, u"\\\\.\\E:");
-    const auto expected = Bytes({0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // ioContext
-                                 0x12, 0, 0, 0,                                   // messageCode
-                                 0x45, 0x12, 0, 0,                                // drive
-                                 0, 0, 0, 0, 0, 0, 0, 0,                          // reserved
-                                 0xD0, 0xC0, 0xB0, 0xA0,                          // id
-                                 '\\', 0, '\\', 0, '.', 0, '\\', 0, 'E', 0, ':', 0, 0, 0});
+    const std::vector<uint8_t> expected = {0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // ioContext
+                                           0x12, 0, 0, 0,                                   // messageCode
+                                           0x45, 0x12, 0, 0,                                // drive
+                                           0, 0, 0, 0, 0, 0, 0, 0,                          // reserved
+                                           0xD0, 0xC0, 0xB0, 0xA0,                          // id
+                                           '\\', 0, '\\', 0, '.', 0, '\\', 0, 'E', 0, ':', 0, 0, 0};
     EXPECT_EQ(record, expected);
-
     DR_REQ_HEADER header;
     ASSERT_TRUE(DecodeRequestHeader(record.data(), record.size(), header));
     EXPECT_EQ(header.ioContext, 0x1122334455667788ull);
@@ -36,20 +26,21 @@ TEST(DriveRequests, QueryRecordLayout)
     ASSERT_TRUE(DecodeQueryDiskRequest(record.data() + 24, record.size() - 24, query));
     EXPECT_EQ(query.id, 0xA0B0C0D0u);
     EXPECT_EQ(query.path, u"\\\\.\\E:");
-}
 
-TEST(DriveRequests, QueryPathNeedsItsTerminatorInsideTheMessage)
-{
-    DR_QUERY_DISK_REQ query;
-    const auto empty = Bytes({1, 0, 0, 0, 0, 0});  // id and an empty path
-    EXPECT_TRUE(DecodeQueryDiskRequest(empty.data(), empty.size(), query));
-    EXPECT_TRUE(query.path.empty());
-    const auto unterminated = Bytes({1, 0, 0, 0, 'a', 0, 'b', 0});
-    EXPECT_FALSE(DecodeQueryDiskRequest(unterminated.data(), unterminated.size(), query));
-    const auto halfUnit = Bytes({1, 0, 0, 0, 'a', 0, 0});  // a lone zero byte is not a 16-bit zero
-    EXPECT_FALSE(DecodeQueryDiskRequest(halfUnit.data(), halfUnit.size(), query));
-    EXPECT_FALSE(DecodeQueryDiskRequest(empty.data(), 5, query));
-    EXPECT_FALSE(DecodeQueryDiskRequest(nullptr, 0, query));
+    // The path's 16-bit terminator must be inside the message.
+    const std::vector<std::vector<uint8_t>> payloads = {
+        {1, 0, 0, 0, 0, 0},            // an empty path: the one that decodes
+        {1, 0, 0, 0, 'a', 0, 'b', 0},  // unterminated
+        {1, 0, 0, 0, 'a', 0, 0},       // a lone zero byte is not a 16-bit zero
+        {1, 0, 0, 0, 0},
+        {}};
+    for (size_t i = 0; i < payloads.size(); ++i) {
+        EXPECT_EQ(DecodeQueryDiskRequest(payloads[i].empty() ? nullptr : payloads[i].data(), payloads[i].size(),
+                                         query),
+                  i == 0)
+            << "payload " << i;
+        EXPECT_TRUE(i != 0 || query.path.empty());
+    }
 }
 
 TEST(DriveRequests, ReadAndWriteRecords)
@@ -97,14 +88,56 @@ TEST(DriveRequests, ReplyLayoutZeroesReservedBytes)
     info.sectorsPerTrack = 63;
     info.bytesPerSector = 512;
     EncodeQueryDiskResponse(out.data() + 32, info);
-    const auto expected = Bytes({1, 2, 3, 4, 5, 6, 7, 8, 0x11, 0, 0, 0xC0, 0, 0, 0, 0,
-                                 0x22, 0x11, 0, 0, 0, 0, 0, 0, 32, 0, 0, 0, 0, 0, 0, 0,
-                                 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 12, 0, 0, 0,
-                                 255, 0, 0, 0, 63, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(out, expected);
+    EXPECT_EQ(out, QueryReplyBytes(header.ioContext, 0x10000, 0, 12, 255, 63, 512, 0xC0000011, 0x1122));
     DR_RSP_HEADER back;
     ASSERT_TRUE(DecodeResponseHeader(out.data(), 32, back));
     EXPECT_EQ(back.status, 0xC0000011u);
     EXPECT_EQ(back.information, 0x1122u);
     EXPECT_FALSE(DecodeResponseHeader(out.data(), 31, back));
+}
+
+TEST(DrivePath, DeviceNamesMapUnderDevAndNothingLeavesIt)
+{
+    const char* const refused = "(refused)";
+    const std::pair<std::u16string, const char*> rows[] = {
+        {u"\\\\.\\loop3", "/dev/loop3"},
+        {u"\\\\.\\mapper\\vg-data", "/dev/mapper/vg-data"},
+        {u"/var/images/disk.img", "/var/images/disk.img"},
+        {u"relative\\name", refused},  // relative paths mean nothing to the peer
+        {u"C:\\disk.img", refused},
+        {u"", refused},
+        {u"\\\\.\\", refused},
+        {u"\\\\.", refused},
+        {u"\\\\.x", refused},
+        {u"\\\\.\\..\\etc\\shadow", refused},
+        {u"\\\\.\\mapper\\..\\..\\etc", refused},
+        {u"\\\\.\\mapper\\\\x", refused},
+        {u"\\\\.\\loop3\\", refused},
+        {std::u16string(u"/tmp/a\0b", 8), refused},
+        {std::u16string{u'/', u'\xD800'}, refused},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i)
+        EXPECT_EQ(DrivePathToLinux(rows[i].first).value_or(refused), rows[i].second) << "row " << i;
+    EXPECT_TRUE(IsDevicePath(u"\\\\.\\E:"));
+    EXPECT_FALSE(IsDevicePath(u"\\\\?\\E:"));
+    EXPECT_FALSE(IsDevicePath(u"\\\\"));
+}
+
+TEST(MountTable, MatchesTheDeviceAndDecodesEscapes)
+{
+    const std::string mountinfo =
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "40 22 7:3 / /mnt/with\\040blank rw - ext4 /dev/loop3 rw\n"
+        "41 22 7:30 / /mnt/other rw - ext4 /dev/loop30 rw\n"
+        "42 40 7:3 /sub /mnt/bind\\134x rw - ext4 /dev/loop3 rw\n"
+        "bad line\n"
+        "43 22 7:3x / /mnt/garbled rw - ext4 /dev/loop3 rw";
+    const auto mounts = ParseMountsOfDevice(mountinfo, makedev(7, 3));
+    ASSERT_EQ(mounts.size(), 2u);
+    EXPECT_EQ(mounts[0].point, "/mnt/with blank");
+    EXPECT_EQ(mounts[0].mountId, 40u);
+    EXPECT_EQ(mounts[1].point, "/mnt/bind\\x");
+    EXPECT_EQ(mounts[1].mountId, 42u);
+    EXPECT_TRUE(ParseMountsOfDevice(mountinfo, makedev(9, 9)).empty());
+    EXPECT_TRUE(ParseMountsOfDevice("", makedev(7, 3)).empty());
 }

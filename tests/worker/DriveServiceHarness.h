@@ -7,6 +7,7 @@
 #include "worker/StorageDrives.h"
 
 #include "platform/LittleEndian.h"
+#include "platform/Utf.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,8 @@
 #include <vector>
 
 using namespace tolv::worker;
+using tolv::platform::LoadLe;
+using tolv::platform::StoreLe;
 
 struct ServiceReply {
     bool result = false;
@@ -23,32 +26,25 @@ struct ServiceReply {
     std::vector<uint8_t> raw;  // the whole reply record
     DR_RSP_HEADER header;
 
-    std::vector<uint8_t> payload() const
-    {
-        return raw.size() > DR_RSP_HEADER_SIZE ? std::vector<uint8_t>(raw.begin() + DR_RSP_HEADER_SIZE, raw.end())
-                                               : std::vector<uint8_t>();
-    }
     // Data of a read reply, after its 4-byte count (which must match).
     std::vector<uint8_t> readData() const
     {
-        const auto p = payload();
-        EXPECT_GE(p.size(), 4u);
-        if (p.size() < 4)
+        EXPECT_GE(raw.size(), DR_RSP_HEADER_SIZE + 4);
+        if (raw.size() < DR_RSP_HEADER_SIZE + 4)
             return {};
-        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(p.data()), p.size() - 4);
-        EXPECT_EQ(header.information, p.size() - 4);
-        return std::vector<uint8_t>(p.begin() + 4, p.end());
+        const size_t count = raw.size() - DR_RSP_HEADER_SIZE - 4;
+        EXPECT_EQ(LoadLe<uint32_t>(raw.data() + DR_RSP_HEADER_SIZE), count);
+        EXPECT_EQ(header.information, count);
+        return std::vector<uint8_t>(raw.begin() + DR_RSP_HEADER_SIZE + 4, raw.end());
     }
 };
 
 inline ServiceReply CallService(StorageDrivesInterface& service, const std::vector<uint8_t>& request,
                                 size_t size = SIZE_MAX)
 {
-    if (size == SIZE_MAX)
-        size = request.size();
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[size == 0 ? 1 : size]);
-    if (size != 0)
-        std::memcpy(exact.get(), request.data(), size);
+    size = std::min(size, request.size());
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[size]);
+    std::copy(request.begin(), request.begin() + static_cast<ptrdiff_t>(size), exact.get());
     uint8_t* response = reinterpret_cast<uint8_t*>(1);
     uint32_t responseSize = 12345;
     void* context = reinterpret_cast<void*>(1);
@@ -62,8 +58,8 @@ inline ServiceReply CallService(StorageDrivesInterface& service, const std::vect
         EXPECT_TRUE(DecodeResponseHeader(response, responseSize, reply.header));
         EXPECT_EQ(responseSize, DR_RSP_HEADER_SIZE + reply.header.payloadLength);
         // Reserved bytes of the header are zero.
-        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(response + 12), 0u);
-        EXPECT_EQ(tolv::platform::LoadLe<uint32_t>(response + 28), 0u);
+        EXPECT_EQ(LoadLe<uint32_t>(response + 12), 0u);
+        EXPECT_EQ(LoadLe<uint32_t>(response + 28), 0u);
     } else {
         EXPECT_EQ(responseSize, 0u);
     }
@@ -79,22 +75,27 @@ inline std::vector<uint8_t> Pattern(size_t size, uint8_t seed)
     return out;
 }
 
-// The whole 64-byte reply to a successful query, laid out by hand (not by the
-// encoder under test).
-inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly, uint32_t mediaType,
-                                            uint32_t heads, uint32_t sectorsPerTrack, uint32_t bytesPerSector)
+inline std::u16string Wide(const std::string& path)
 {
-    std::vector<uint8_t> bytes(64, 0);
-    tolv::platform::StoreLe<uint64_t>(&bytes[0], ioContext);
-    bytes[24] = 32;  // payloadLength
-    tolv::platform::StoreLe<uint64_t>(&bytes[32], diskSize);
-    bytes[40] = readOnly;
-    tolv::platform::StoreLe<uint32_t>(&bytes[44], mediaType);
-    tolv::platform::StoreLe<uint32_t>(&bytes[48], heads);
-    tolv::platform::StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
-    tolv::platform::StoreLe<uint32_t>(&bytes[56], bytesPerSector);
-    return bytes;
+    return *tolv::platform::Utf8ToUtf16(path);
 }
 
-// Number of this process's descriptors (optionally only those open on `target`).
-size_t CountOpenDescriptors(const std::string& target = {});
+// The whole reply to a successful query (64 bytes), laid out by hand, not by
+// the encoder under test.
+inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly, uint32_t mediaType,
+                                            uint32_t heads, uint32_t sectorsPerTrack, uint32_t bytesPerSector,
+                                            uint32_t status = 0, uint64_t information = 0)
+{
+    std::vector<uint8_t> bytes(64, 0);
+    StoreLe<uint64_t>(&bytes[0], ioContext);
+    StoreLe<uint32_t>(&bytes[8], status);
+    StoreLe<uint64_t>(&bytes[16], information);
+    bytes[24] = 32;  // payloadLength
+    StoreLe<uint64_t>(&bytes[32], diskSize);
+    bytes[40] = readOnly;
+    StoreLe<uint32_t>(&bytes[44], mediaType);
+    StoreLe<uint32_t>(&bytes[48], heads);
+    StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
+    StoreLe<uint32_t>(&bytes[56], bytesPerSector);
+    return bytes;
+}

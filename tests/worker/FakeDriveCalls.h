@@ -1,7 +1,8 @@
 #pragma once
 // A drive-call table that records what the service asks for and answers from
-// a script. Handles are real memfd descriptors of a set size, so file queries
-// and transfers on them work; device controls are answered by the script.
+// a script. Handles are real memfd descriptors of 4 KiB, so file queries and
+// transfers on them work; device controls are answered by the script, as an
+// 8 GiB fixed disk of 255 heads, 63 sectors a track and 512-byte sectors.
 
 #include "worker/DriveCalls.h"
 
@@ -18,19 +19,15 @@ public:
     FakeDriveCalls();   // puts itself in force
     ~FakeDriveCalls();  // restores the previous table
 
-    // Size of the descriptor that the next opens return.
-    uint64_t fileSize = 4096;
     // errno for every open; 0 lets opens succeed.
     int openErrno = 0;
     // Per control code, the errno of the next calls in turn (0: success); a code
     // with nothing queued succeeds.
     std::map<uint32_t, std::deque<int>> script;
-    uint64_t deviceLength = 8ull << 30;
-    DISK_GEOMETRY geometry{1044, MEDIA_TYPE_FIXED, 255, 63, 512};
 
-    // "open <path>", "<CODE> <path>", "close <path>", in call order.
-    std::vector<std::string> Calls();
-    void ClearCalls();
+    // "open <path>", "<CODE> <path>", "close <path>", in call order since the
+    // last time they were taken.
+    std::vector<std::string> TakeCalls();
     size_t OpenHandles();
 
 private:
