@@ -1,47 +1,57 @@
-#include "log/FileWriter.h"
-#include <tolv/log/Log.h>
-#include "support/ProcessUtils.h"
 #include "log/LogTestSupport.h"
-
-#include <gtest/gtest.h>
+#include "support/ProcessUtils.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <regex>
-
-using namespace tolv::log;
+#include <filesystem>
 
 namespace {
 
 constexpr uint64_t kMB = 1048576;
 
-using FileWriterTest = FileLoggerFixture;
+class FileWriterTest : public FileLoggerFixture {
+protected:
+    // An unbuffered file writer, each line on disk before Log returns, on a
+    // disk with `freeMB` free.
+    void MakeUnbufferedLogger()
+    {
+        MakeLogger();
+        writer->SetFreeSpaceQuery([this](const std::string&, uint64_t& bytes) {
+            bytes = freeMB.load() * kMB;
+            return true;
+        });
+        writer->SetBufferingEnabled(false);
+    }
+
+    std::atomic<uint64_t> freeMB{100000};
+};
 
 TEST_F(FileWriterTest, PropertiesAreCheckedAndLimitsFollowTheLevel)
 {
     MakeLogger(false);
-    std::string value;
     EXPECT_TRUE(writer->SetProperty("MAXFILESIZEMB", "2000"));
-    ASSERT_TRUE(writer->GetProperty("maxFileSizeMB", value));
-    EXPECT_EQ(value, "1024");
-    EXPECT_TRUE(writer->SetProperty("maxFileSizeMB", "0x10"));
-    EXPECT_EQ(writer->SizeLimitBytes(), 16 * kMB);
-    EXPECT_TRUE(writer->SetProperty("maxFileSizeMB", "0"));
-    EXPECT_EQ(writer->SizeLimitBytes(), 0u);
-    EXPECT_TRUE(writer->SetProperty("maxFileSizeMB", "0xFFFFFFFF"));
-    EXPECT_EQ(writer->SizeLimitBytes(), 15 * kMB);
-    writer->SetProperty("maxFileSizeMB", "4294967296");  // out of range: ignored, not 0 (no limit)
-    EXPECT_EQ(writer->SizeLimitBytes(), 15 * kMB);
-    logger->SetLevel(LOG_LEVEL_DEBUG);
-    EXPECT_EQ(writer->SizeLimitBytes(), 50 * kMB);
-    logger->SetLevel(LOG_LEVEL_VERBOSE);
-    EXPECT_EQ(writer->SizeLimitBytes(), 99 * kMB);
+    EXPECT_EQ(writer->SizeLimitBytes(), 1024 * kMB);
+    const struct {
+        const char* value;
+        int32_t level;
+        uint64_t limitMB;
+    } rows[] = {
+        {"0x10", LOG_LEVEL_INFO, 16},
+        {"0", LOG_LEVEL_INFO, 0},           // no limit
+        {"0xFFFFFFFF", LOG_LEVEL_INFO, 15}, // unset: the level's own
+        {"4294967296", LOG_LEVEL_INFO, 15}, // out of range: ignored, not cut to 0
+        {"4294967296", LOG_LEVEL_DEBUG, 50},
+        {"4294967296", LOG_LEVEL_VERBOSE, 99},
+    };
+    for (const auto& row : rows) {
+        writer->SetProperty("maxFileSizeMB", row.value);
+        logger->SetLevel(row.level);
+        EXPECT_EQ(writer->SizeLimitBytes(), row.limitMB * kMB) << row.value << " at level " << row.level;
+    }
     logger->SetLevel(LOG_LEVEL_INFO);
+    std::string value;
     EXPECT_TRUE(writer->SetProperty("maxRollingFiles", "5000"));
     ASSERT_TRUE(writer->GetProperty("maxRollingFiles", value));
     EXPECT_EQ(value, "1000");
@@ -57,142 +67,114 @@ TEST_F(FileWriterTest, PropertiesAreCheckedAndLimitsFollowTheLevel)
 TEST_F(FileWriterTest, FileNamesNameTheApplicationSessionProcessAndIndex)
 {
     MakeLogger(false);
-    const std::string process = "veltrane-tolvTest-" + std::to_string(static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession))) + "-" +
-                                std::to_string(getpid());
+    const int session = static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession));
+    const std::string process = "veltrane-tolvTest-" + std::to_string(session) + "-" + std::to_string(getpid());
     const std::string minute = R"(__\d{4}-\d\d-\d\d-\d\d-\d\d\.log)";
+    auto named = [&](int index, const std::string& pattern) {
+        return std::regex_match(writer->BuildFileName(index), std::regex(process + pattern + minute));
+    };
     EXPECT_EQ(writer->BuildFileName(0), "veltrane-tolvTest*");
     EXPECT_EQ(writer->BuildFileName(-1), process);
-    EXPECT_TRUE(std::regex_match(writer->BuildFileName(1), std::regex(process + minute)));
-    EXPECT_TRUE(std::regex_match(writer->BuildFileName(2), std::regex(process + R"(\(2\))" + minute)));
+    EXPECT_TRUE(named(1, ""));
+    EXPECT_TRUE(named(2, R"(\(2\))"));
     logger->SetLevel(LOG_LEVEL_DEBUG);
-    EXPECT_TRUE(std::regex_match(writer->BuildFileName(1), std::regex(process + R"(\(1\))" + minute)));
+    EXPECT_TRUE(named(1, R"(\(1\))"));
     logger->SetLevel(LOG_LEVEL_INFO);
     writer->SetProperty("maxRollingFiles", "0");
-    EXPECT_TRUE(std::regex_match(writer->BuildFileName(1), std::regex(process + R"(\(0001\))" + minute)));
+    EXPECT_TRUE(named(1, R"(\(0001\))"));
     writer->SetProperty("filename", "custom");
     EXPECT_EQ(writer->BuildFileName(0), "veltrane-custom*");
 }
 
 TEST_F(FileWriterTest, RollingKeepsTheFirstFileAndTheNewestRolledOnes)
 {
-    MakeLogger();
-    writer->SetFreeSpaceQuery([](const std::string&, uint64_t& bytes) {
-        bytes = 100000 * kMB;
-        return true;
-    });
+    MakeUnbufferedLogger(); // the size is checked after every line: each file ends right at the limit
     writer->SetProperty("maxFileSizeMB", "1");
-    // Unbuffered: the size is checked after every line, so each file ends
-    // right at the limit.
-    writer->SetBufferingEnabled(false);
     Start();
     const std::string filler(1000, 'x');
-    int written = 0;
-    while (writer->GetFilePath().find("(6)") == std::string::npos && written < 20000) {
-        Log("F()", LOG_LEVEL_INFO, "%06d %s", written++, filler.c_str());
-    }
+    for (int written = 0; !Has(writer->GetFilePath(), "(6)") && written < 20000; ++written)
+        Log("F()", LOG_LEVEL_INFO, "%06d %s", written, filler.c_str());
     Log("F()", LOG_LEVEL_INFO, "in the sixth file");
     const std::string sixth = writer->GetFilePath();
-    ASSERT_NE(sixth.find("(6)"), std::string::npos);
+    ASSERT_TRUE(Has(sixth, "(6)"));
     Finish();
 
     std::vector<std::string> indexes;
-    for (const std::string& name : FilesIn(dir.path())) {
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        const std::string name = entry.path().filename();
         ASSERT_EQ(name.rfind("veltrane-tolvTest-", 0), 0u) << name;
         const size_t open = name.find('(');
         indexes.push_back(open == std::string::npos ? "1" : name.substr(open + 1, 1));
+        EXPECT_TRUE(Has(name, "(6)") || entry.file_size() < kMB + 2000) << name;
     }
     std::sort(indexes.begin(), indexes.end());
     EXPECT_EQ(indexes, (std::vector<std::string>{"1", "3", "4", "5", "6"}));
-    for (const std::string& name : FilesIn(dir.path())) {
-        struct stat st {};
-        ASSERT_EQ(stat((dir.path() + "/" + name).c_str(), &st), 0);
-        if (name.find("(6)") == std::string::npos) {
-            EXPECT_LT(static_cast<uint64_t>(st.st_size), kMB + 2000) << name;
-        }
-    }
     const std::string last = ReadWholeFile(sixth);
-    EXPECT_NE(last.find("in the sixth file"), std::string::npos);
-    EXPECT_NE(last.find("*** LOG FILE COMPLETE ***"), std::string::npos);
+    EXPECT_TRUE(Has(last, "in the sixth file"));
+    EXPECT_TRUE(Has(last, "*** LOG FILE COMPLETE ***"));
 }
 
-TEST_F(FileWriterTest, LowDiskSpaceSuspendsLoggingUntilThereIsRoomAgain)
+TEST_F(FileWriterTest, LowDiskSpaceSuspendsLoggingAndTheFormerNameIsMasked)
 {
-    std::atomic<uint64_t> freeMB{1000};
-    MakeLogger();
-    writer->SetFreeSpaceQuery([&](const std::string&, uint64_t& bytes) {
-        bytes = freeMB.load() * kMB;
-        return true;
-    });
-    writer->SetBufferingEnabled(false);
+    MakeUnbufferedLogger();
+    freeMB = 1000;
     Start();
-    freeMB = 150;
-    Log("F()", LOG_LEVEL_INFO, "a: written, then the disk is low");
-    EXPECT_TRUE(writer->IsSuspended());
-    Log("F()", LOG_LEVEL_INFO, "b: suspended");
-    Log("F()", LOG_LEVEL_ERROR, "c: errors still go through");
-    freeMB = 400;  // above the low mark, below the high one
-    Log("F()", LOG_LEVEL_WARN, "d: still suspended");
-    EXPECT_TRUE(writer->IsSuspended());
-    freeMB = 600;
-    Log("F()", LOG_LEVEL_WARN, "e: suspended, resumes after it");
-    EXPECT_FALSE(writer->IsSuspended());
-    Log("F()", LOG_LEVEL_INFO, "f: written again");
-
+    const struct {
+        uint64_t freeMB;
+        int32_t level;
+        const char* text;
+        bool written;
+        bool suspendedAfter;
+    } steps[] = {
+        {150, LOG_LEVEL_INFO, "a: written, then the disk is low", true, true},
+        {150, LOG_LEVEL_INFO, "b: suspended", false, true},
+        {150, LOG_LEVEL_ERROR, "c: errors still go through", true, true},
+        {400, LOG_LEVEL_WARN, "d: above the low mark, below the high one", false, true},
+        {600, LOG_LEVEL_WARN, "e: resumes after it", false, false},
+        {600, LOG_LEVEL_INFO, "f: written again", true, false},
+        {150, LOG_LEVEL_INFO, "g: suspends again", true, true},
+    };
+    for (const auto& step : steps) {
+        freeMB = step.freeMB;
+        Log("F()", step.level, "%s", step.text);
+        EXPECT_EQ(writer->IsSuspended(), step.suspendedAfter) << step.text;
+    }
     // Lowering the low mark below the free space resumes at the next write.
-    freeMB = 150;
-    Log("F()", LOG_LEVEL_INFO, "g: suspends again");
-    EXPECT_TRUE(writer->IsSuspended());
     writer->SetProperty("diskThresholdLowMB", "100");
     Log("F()", LOG_LEVEL_INFO, "h: filtered, resumes after it");
     EXPECT_FALSE(writer->IsSuspended());
-
-    const std::string text = Finish();
-    for (const char* seen : {"F(): a: ", "F(): c: ", "F(): f: ", "F(): g: "})
-        EXPECT_NE(text.find(seen), std::string::npos) << seen;
-    for (const char* unseen : {"F(): b: ", "F(): d: ", "F(): e: ", "F(): h: "})
-        EXPECT_EQ(text.find(unseen), std::string::npos) << unseen;
-    const std::regex suspended(R"(\n\n\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] )"
-                               R"(\*\*\*\*\*\*\* Free disk space is 150\.0MB - Logging suspended \*\*\*\*\*\*\*\n)");
-    EXPECT_TRUE(std::regex_search(text, suspended)) << text;
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\] \*\*\*\*\*\*\* Free disk space is 600\.0MB - Logging resumed after )"
-                                                   R"(\S+ \*\*\*\*\*\*\*\n\n)")))
-        << text;
-}
-
-TEST_F(FileWriterTest, RedactionMasksTheFormerNameUnlessSwitchedOff)
-{
-    char text[] = "Pelloran pelLORAN pel Pelican xPELLORANx";
-    FileWriter::RedactText(text, sizeof text - 1);
-    EXPECT_STREQ(text, "P******* p******* p** P**ican xP*******x");
-
-    MakeLogger();
-    // Unbuffered: each line reaches the file under the switch it was logged with.
-    writer->SetBufferingEnabled(false);
-    Start();
+    // The former name is masked unless switched off, each line under the switch it was logged with.
     Log("F()", LOG_LEVEL_INFO, "hidden %s", "Pelloran");
     logger->SetRedactEnabled(false);
     Log("F()", LOG_LEVEL_INFO, "plain %s", "Pelloran");
-    const std::string all = Finish();
-    EXPECT_NE(all.find("hidden P*******\n"), std::string::npos);
-    EXPECT_NE(all.find("plain Pelloran\n"), std::string::npos);
-}
 
-// Sets a file's last-write time `ageSeconds` into the past.
-void Age(const std::string& path, int64_t ageSeconds)
-{
-    struct timeval times[2] {};
-    gettimeofday(&times[0], nullptr);
-    times[0].tv_sec -= ageSeconds;
-    times[1] = times[0];
-    ASSERT_EQ(utimes(path.c_str(), times), 0);
+    const std::string text = Finish();
+    for (const auto& step : steps)
+        EXPECT_EQ(Has(text, std::string("F(): ") + step.text + "\n"), step.written) << step.text;
+    EXPECT_FALSE(Has(text, "F(): h: "));
+    const std::string banner = R"(\*{7} Free disk space is )";
+    EXPECT_TRUE(std::regex_search(text, std::regex("\n\n" + kPrefix + banner + R"(150\.0MB - Logging suspended \*{7}\n)")))
+        << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\] )" + banner + R"(600\.0MB - Logging resumed after \S+ \*{7}\n\n)")))
+        << text;
+    EXPECT_TRUE(Has(text, "hidden P*******\n"));
+    EXPECT_TRUE(Has(text, "plain Pelloran\n"));
+    char masked[] = "Pelloran pelLORAN pel Pelican xPELLORANx";
+    FileWriter::RedactText(masked, sizeof masked - 1);
+    EXPECT_STREQ(masked, "P******* p******* p** P**ican xP*******x");
 }
 
 TEST_F(FileWriterTest, RetentionDeletesOnlyOldFilesOfFinishedProcesses)
 {
+    // A file of `name`, last written `ageSeconds` ago.
     auto make = [&](const std::string& name, int64_t ageSeconds) {
         const std::string path = dir.file(name);
         WritePatternFile(path, 16);
-        Age(path, ageSeconds);
+        struct timeval times[2] {};
+        gettimeofday(&times[0], nullptr);
+        times[0].tv_sec -= ageSeconds;
+        times[1] = times[0];
+        EXPECT_EQ(utimes(path.c_str(), times), 0);
         return path;
     };
     const std::string tenDays = make("veltrane-tolvTest-1-90001__2020-01-01-00-00.log", 10 * 86400);
@@ -219,10 +201,9 @@ TEST_F(FileWriterTest, RetentionDeletesOnlyOldFilesOfFinishedProcesses)
     close(held);
     const std::string text = Finish();
 
-    EXPECT_TRUE(exists(threeHours));  // kept: within the count
-    EXPECT_TRUE(exists(oneHour));
-    EXPECT_TRUE(exists(activeOld));   // held by a live process
-    EXPECT_TRUE(exists(otherApp));    // another application's file
+    // Kept: within the count, held by a live process, another application's, this process's own.
+    for (const std::string& kept : {threeHours, oneHour, activeOld, otherApp, ownOld})
+        EXPECT_TRUE(exists(kept)) << kept;
     // The scan may start in the second after the ages were set.
     const std::string deleted = "Deleted \"" + tenDays + "\" (age 10 days";
     const size_t at = text.find(deleted);
@@ -230,14 +211,14 @@ TEST_F(FileWriterTest, RetentionDeletesOnlyOldFilesOfFinishedProcesses)
     EXPECT_TRUE(text.compare(at + deleted.size(), 2, ")\n") == 0 ||
                 text.compare(at + deleted.size(), 10, " 0:00:01)\n") == 0)
         << text;
-    EXPECT_TRUE(exists(ownOld));
     // Whatever a live writer holds is an active session first, this process's
     // current file included; each active session keeps its share of files.
-    EXPECT_NE(text.find("Skipping active log file \"" + writer->GetFilePath() + "\""), std::string::npos) << text;
-    EXPECT_NE(text.find("Skipping active log file \"" + activeOld + "\""), std::string::npos) << text;
-    EXPECT_NE(text.find("Skipping current process \"" + ownOld + "\""), std::string::npos) << text;
-    EXPECT_NE(text.find("Keeping 2 files, minimum age 2:00:00, 2 active sessions\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("Scan complete; 3 files deleted, 2 files remain, next scan in 4:00:00"), std::string::npos);
+    for (const std::string& line : {"Skipping active log file \"" + writer->GetFilePath() + "\"",
+                                    "Skipping active log file \"" + activeOld + "\"",
+                                    "Skipping current process \"" + ownOld + "\"",
+                                    std::string("Keeping 2 files, minimum age 2:00:00, 2 active sessions\n"),
+                                    std::string("Scan complete; 3 files deleted, 2 files remain, next scan in 4:00:00")})
+        EXPECT_TRUE(Has(text, line)) << line << "\n" << text;
 }
 
 } // namespace

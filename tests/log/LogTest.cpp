@@ -1,130 +1,16 @@
-#include "common/LogCapture.h"
-
+#include "log/LogMessageCache.h"
+#include "log/LogTestSupport.h"
+#include "log/PollLogWriter.h"
 #include <tolv/log/IpcTrace.h>
-#include <tolv/log/Log.h>
 #include <tolv/log/LogLevel.h>
-#include "log/Logger.h"
-#include "log/LoggerManager.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <condition_variable>
+#include <future>
 
-#include <cerrno>
-#include <regex>
-
-using namespace tolv::log;
-
-TEST(LogLevel, LettersNamesAndParsing)
-{
-    const char* letters = "AEWIDTVN";
-    for (int level = 0; level <= 7; ++level)
-        EXPECT_EQ(LogLevelLetter(level), letters[level]);
-    EXPECT_STREQ(LogLevelName(0), "ALWAYS");
-    EXPECT_STREQ(LogLevelName(6), "VERBOSE");
-    EXPECT_STREQ(LogLevelName(8), "UNKNOWN");
-    EXPECT_STREQ(LogLevelName(-1), "UNKNOWN");
-    EXPECT_EQ(ParseLogLevel("Debug", 1), LOG_LEVEL_DEBUG);
-    EXPECT_EQ(ParseLogLevel("NEVER", 1), LOG_LEVEL_NEVER);
-    EXPECT_EQ(ParseLogLevel("debugging", 1), LOG_LEVEL_ERROR);
-    EXPECT_EQ(ParseLogLevel("", 9), LOG_LEVEL_INFO);  // a bad default becomes INFO
-}
-
-TEST(Log, WritesAtOrBelowTheCurrentLevelOnly)
-{
-    ScopedLogCapture capture(LOG_LEVEL_WARN);
-    int evaluated = 0;
-    auto count = [&] { return ++evaluated; };
-    LOG_ERROR("F()", "error %d", count());
-    LOG_WARN("F()", "warn %d", count());
-    LOG_INFO("F()", "info %d", count());  // suppressed: its arguments are not evaluated
-    EXPECT_EQ(evaluated, 2);
-    const auto lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].text, "error 1");
-    EXPECT_EQ(lines[0].function, "F()");
-    EXPECT_EQ(lines[0].level, LOG_LEVEL_ERROR);
-    EXPECT_EQ(lines[1].text, "warn 2");
-
-    // Calling the entry point directly still obeys the level.
-    Log("F()", LOG_LEVEL_DEBUG, "never seen");
-    EXPECT_EQ(capture.Lines().size(), 2u);
-}
-
-TEST(Log, ErrorVariantsAppendTheErrorTextAndKeepErrno)
-{
-    ScopedLogCapture capture;
-    errno = ENOENT;
-    LogWithLastError("Open()", LOG_LEVEL_ERROR, "open of %s failed\n", "x");
-    EXPECT_EQ(errno, ENOENT);
-    LogWithErrorCode(EACCES, "Open()", LOG_LEVEL_ERROR, "denied");
-    errno = EBUSY;
-    Log("Open()", LOG_LEVEL_INFO, "plain");
-    EXPECT_EQ(errno, EBUSY);
-    const auto lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].text, "open of x failed; (2) No such file or directory");
-    EXPECT_EQ(lines[1].text, "denied; (13) Permission denied");
-    EXPECT_EQ(lines[2].text, "plain");
-}
-
-TEST(Log, LongTextsAreWrittenWhole)
-{
-    ScopedLogCapture capture;
-    const std::string big(5000, 'x');
-    Log("F()", LOG_LEVEL_INFO, "%s", big.c_str());
-    ASSERT_EQ(capture.Lines().size(), 1u);
-    EXPECT_EQ(capture.Lines()[0].text, big);
-}
-
-namespace {
-// A sink that logs from inside Write: the nested call must be dropped.
-class ReentrantSink final : public LogSink {
-public:
-    void Write(const LogLine& line) override
-    {
-        texts.emplace_back(line.text);
-        Log("Sink()", LOG_LEVEL_ERROR, "nested");
-    }
-    std::vector<std::string> texts;
-};
-} // namespace
-
-TEST(Log, NestedCallsFromASinkAreDropped)
-{
-    ReentrantSink sink;
-    LogSink* previous = SetLogSink(&sink);
-    const int32_t savedLevel = CurrentLogLevel;
-    SetCurrentLogLevel(LOG_LEVEL_INFO);
-    Log("F()", LOG_LEVEL_INFO, "outer");
-    SetCurrentLogLevel(savedLevel);
-    SetLogSink(previous);
-    EXPECT_THAT(sink.texts, testing::ElementsAre("outer"));
-}
-
-TEST(Log, WithoutADefaultLoggerNothingIsWrittenAnywhere)
-{
-    RCPtr<Logger> saved = LoggerManager::GetInstance()->GetDefaultLogger();
-    LoggerManager::GetInstance()->SetDefaultLogger({});
-    const int32_t savedLevel = CurrentLogLevel;
-    SetCurrentLogLevel(LOG_LEVEL_INFO);
-    testing::internal::CaptureStderr();
-    testing::internal::CaptureStdout();
-    Log("EnvSetup::Init()", LOG_LEVEL_ALWAYS, "text %d", 5);
-    LogWithErrorCode(5, "EnvSetup::Init()", LOG_LEVEL_ERROR, "text\n");
-    const std::string out = testing::internal::GetCapturedStdout();
-    const std::string err = testing::internal::GetCapturedStderr();
-    SetCurrentLogLevel(savedLevel);
-    LoggerManager::GetInstance()->SetDefaultLogger(saved);
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(out, "");
-}
-
-namespace {
+// Counts how often the trace front end formats it.
 struct Counted {
     int* formatted;
 };
-} // namespace
-
 template <>
 struct fmt::formatter<Counted> : fmt::formatter<int> {
     auto format(const Counted& c, format_context& ctx) const
@@ -134,30 +20,234 @@ struct fmt::formatter<Counted> : fmt::formatter<int> {
     }
 };
 
-TEST(IpcTrace, WritesThroughTheNamedLoggerAtLevelSix)
+namespace {
+
+TEST(LogLevel, LettersNamesAndParsing)
+{
+    for (int level = 0; level <= 7; ++level)
+        EXPECT_EQ(LogLevelLetter(level), "AEWIDTVN"[level]) << level;
+    EXPECT_STREQ(LogLevelName(0), "ALWAYS");
+    EXPECT_STREQ(LogLevelName(6), "VERBOSE");
+    EXPECT_STREQ(LogLevelName(8), "UNKNOWN");
+    EXPECT_STREQ(LogLevelName(-1), "UNKNOWN");
+    EXPECT_EQ(ParseLogLevel("Debug", 1), LOG_LEVEL_DEBUG);
+    EXPECT_EQ(ParseLogLevel("NEVER", 1), LOG_LEVEL_NEVER);
+    EXPECT_EQ(ParseLogLevel("debugging", 1), LOG_LEVEL_ERROR);
+    EXPECT_EQ(ParseLogLevel("", 9), LOG_LEVEL_INFO); // a bad default becomes INFO
+}
+
+// A sink that logs from inside Write: that nested call must be dropped.
+class ReentrantSink final : public LogSink {
+public:
+    void Write(const LogLine& line) override
+    {
+        texts.emplace_back(line.text);
+        Log("Sink()", LOG_LEVEL_ERROR, "nested");
+    }
+    std::vector<std::string> texts;
+};
+
+// Without a default logger only the sink sees a line: nothing reaches the standard streams.
+TEST(Log, SinksGetWholeLongTextsAndNoNestedCalls)
+{
+    RCPtr<Logger> savedLogger = LoggerManager::GetInstance()->GetDefaultLogger();
+    LoggerManager::GetInstance()->SetDefaultLogger({});
+    ReentrantSink sink;
+    LogSink* previous = SetLogSink(&sink);
+    const int32_t savedLevel = CurrentLogLevel;
+    SetCurrentLogLevel(LOG_LEVEL_INFO);
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    const std::string big(5000, 'x');
+    Log("F()", LOG_LEVEL_INFO, "outer");
+    Log("F()", LOG_LEVEL_INFO, "%s", big.c_str());
+    const std::string streams = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+    SetCurrentLogLevel(savedLevel);
+    SetLogSink(previous);
+    LoggerManager::GetInstance()->SetDefaultLogger(savedLogger);
+    EXPECT_EQ(sink.texts, (std::vector<std::string>{"outer", big}));
+    EXPECT_EQ(streams, "");
+}
+
+// The file's text shows the line's fields; here, when it is formatted and the loggers' names.
+TEST(IpcTrace, FormatsOnlyWhenTraceIsOnAndNamesItsLogger)
 {
     int formatted = 0;
-    {
-        ScopedLogCapture capture(LOG_LEVEL_VERBOSE);
-        const IpcTraceSite site{"apps\\tamsel\\lib\\ipc\\ipclib\\ipclibStream", 10, "recvBlock"};
-        IpcTrace(IpcTraceLogger::Stream, site, "> state: {}, streamId: {:#x}, n: {}", "Connected", 0x53000001u,
-                 Counted{&formatted});
-        const auto lines = capture.Lines();
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].loggerName, "ipc::stream");
-        EXPECT_EQ(lines[0].function, "recvBlock");
-        EXPECT_EQ(lines[0].level, 6);
-        EXPECT_EQ(lines[0].text, "> state: Connected, streamId: 0x53000001, n: 42");
-    }
+    ScopedLogCapture capture(LOG_LEVEL_TRACE); // below the trace level
+    IpcTrace(IpcTraceLogger::Link, {"f", 1, "g"}, "{}", Counted{&formatted});
+    SetCurrentLogLevel(LOG_LEVEL_VERBOSE);
+    IpcTrace(IpcTraceLogger::Stream, {"ipclibStream", 10, "recvBlock"}, "n: {}", Counted{&formatted});
     EXPECT_EQ(formatted, 1);
-    {
-        ScopedLogCapture capture(LOG_LEVEL_TRACE);  // 5: trace lines are off
-        IpcTrace(IpcTraceLogger::Link, {"f", 1, "g"}, "{}", Counted{&formatted});
-        EXPECT_TRUE(capture.Lines().empty());
-    }
-    EXPECT_EQ(formatted, 1);  // nothing formatted while trace is off
-    EXPECT_STREQ(IpcTraceLoggerName(IpcTraceLogger::Lib), "ipc::lib");
-    EXPECT_STREQ(IpcTraceLoggerName(IpcTraceLogger::Listener), "ipc::listener");
-    EXPECT_STREQ(IpcTraceLoggerName(IpcTraceLogger::Link), "ipc::link");
-    EXPECT_STREQ(IpcTraceLoggerName(IpcTraceLogger::Msg), "ipc::msg");
+    EXPECT_EQ(capture.Lines().size(), 1u);
+    EXPECT_EQ(capture.Count("n: 42", "recvBlock"), 1u);
+    const std::pair<IpcTraceLogger, std::string> names[] = {
+        {IpcTraceLogger::Lib, "ipc::lib"},   {IpcTraceLogger::Listener, "ipc::listener"},
+        {IpcTraceLogger::Link, "ipc::link"}, {IpcTraceLogger::Stream, "ipc::stream"},
+        {IpcTraceLogger::Msg, "ipc::msg"},
+    };
+    for (const auto& [logger, name] : names)
+        EXPECT_EQ(IpcTraceLoggerName(logger), name);
 }
+
+TEST(LogMessage, GrowsToTheHeapAndKeepsTheWholeText)
+{
+    RCPtr<LogMessage> message = MakeRC<LogMessage>();
+    const std::string head(200, 'a');
+    const std::string tail(100, 'b');
+    message->Append(head.c_str());
+    EXPECT_FALSE(message->IsOnHeap());
+    message->AppendFormatted(true, "%s", tail.c_str());
+    EXPECT_TRUE(message->IsOnHeap());
+    EXPECT_EQ(std::string(message->GetText()), head + tail + "\n");
+    message->Append("\n", -1, true); // already ends in a line feed: one is enough
+    EXPECT_EQ(message->GetLength(), 302);
+}
+
+TEST(LogMessage, TheHundredAndFirstMessageOpensASecondBlockAndIdleBlocksGo)
+{
+    ScopedLogCapture capture(LOG_LEVEL_VERBOSE);
+    RCPtr<LogMessageCache> cache = MakeRC<LogMessageCache>();
+    std::vector<RCPtr<LogMessage>> inUse;
+    auto take = [&](int count) {
+        for (int i = 0; i < count; ++i)
+            inUse.push_back(cache->NewMessage());
+    };
+    take(100);
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+    EXPECT_FALSE(cache->HasReleaseTimer());
+    take(1);
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+    EXPECT_TRUE(cache->HasReleaseTimer());
+    // The cache reports its growth in front of the next message, not through the logger.
+    cache->MovePendingTextInto(*inUse.back());
+    EXPECT_TRUE(Has(inUse.back()->GetText(), " T LogMessageCache::NewMessage(): Log message cache size is 200\n"));
+
+    // Released messages are reused, not allocated again.
+    inUse.erase(inUse.begin(), inUse.begin() + 50);
+    take(140);
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+
+    // A block in use is kept; entirely free blocks go, but never the last one.
+    cache->SetIdleReleaseMs(0);
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+    inUse.clear();
+    capture.Clear();
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+    EXPECT_EQ(capture.Count("Log message cache size is 100", "LogMessageCache::OnBlockReleaseTimer()"), 1u);
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 1);
+
+    // Not yet idle long enough: kept.
+    cache->SetIdleReleaseMs(600000);
+    take(101);
+    inUse.clear();
+    cache->OnBlockReleaseTimer();
+    EXPECT_EQ(cache->GetBlockCount(), 2);
+}
+
+using LogWriterQueue = FileLoggerFixture;
+
+TEST_F(LogWriterQueue, MessagesRefusedByADisabledWriterAreReportedOnce)
+{
+    MakeLogger();
+    Start();
+    writer->SetEnabled(false);
+    for (int i = 0; i < 5; ++i)
+        Log("F()", LOG_LEVEL_INFO, "while disabled %d", i);
+    writer->SetEnabled(true);
+    Log("F()", LOG_LEVEL_INFO, "after");
+    const std::string text = Finish();
+    EXPECT_FALSE(Has(text, "while disabled"));
+    EXPECT_TRUE(Has(text, "I F(): after\n"));
+    // One report, of the five and of any line the logger's own poll thread
+    // wrote in the same window.
+    const std::string report = "\n******* Dropped ";
+    const size_t at = text.find(report);
+    ASSERT_NE(at, std::string::npos) << text;
+    EXPECT_GE(std::strtoul(text.c_str() + at + report.size(), nullptr, 10), 5ul) << text;
+    EXPECT_NE(text.find(" messages *******\n\n", at), std::string::npos) << text;
+    EXPECT_EQ(text.find(report, at + 1), std::string::npos) << text;
+}
+
+TEST_F(LogWriterQueue, AFullQueueSwitchesToBatchModeAndLosesNothing)
+{
+    MakeLogger();
+    Start();
+    // Hold the poll drain off so the queue fills whatever the machine's speed.
+    writer->GetPollItem()->Disable(true);
+    for (int i = 0; i < 15050; ++i)
+        Log("F()", LOG_LEVEL_INFO, "line %d", i);
+    EXPECT_TRUE(writer->IsBatchMode());
+    const std::string text = Finish();
+    const std::string banner = "\n***** BATCH MODE ENABLED *****\n\n";
+    ASSERT_TRUE(Has(text, banner));
+    EXPECT_EQ(text.find(banner, text.find(banner) + 1), std::string::npos);
+    int expected = 0;
+    for (const std::string& line : SplitLines(text)) {
+        const size_t at = line.find("I F(): line ");
+        if (at != std::string::npos) {
+            ASSERT_EQ(std::stoi(line.substr(at + 12)), expected++);
+        }
+    }
+    EXPECT_EQ(expected, 15050);
+}
+
+// A buffering writer whose device holds the first message until let go, so a
+// poll drain can be caught in progress.
+class GatedWriter final : public LogWriter {
+public:
+    GatedWriter() : LogWriter(kStdOutWriter) { InitBuffering(true); }
+    bool Open() override { return true; }
+    bool Close() override { return true; }
+    bool WriteMessage(const RCPtr<LogMessage>& message) override
+    {
+        if (!gated.exchange(true)) {
+            entered.set_value();
+            release.wait_for(std::chrono::seconds(60));
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        written.emplace_back(message->GetText());
+        return true;
+    }
+
+    std::atomic<bool> gated{false};
+    std::promise<void> entered;
+    std::promise<void> letGo;
+    std::shared_future<void> release = letGo.get_future().share();
+    std::mutex mutex;
+    std::vector<std::string> written;
+};
+
+TEST(LogWriterSwitch, SwitchingOffWaitsForTheDrainAndWritesTheQueueInOrder)
+{
+    for (const bool buffering : {true, false}) {
+        SCOPED_TRACE(buffering ? "buffering off" : "writer off");
+        RCPtr<GatedWriter> writer = MakeRC<GatedWriter>();
+        auto entered = writer->entered.get_future();
+        ASSERT_TRUE(writer->Start());
+        for (const char* text : {"first", "second", "third"}) {
+            RCPtr<LogMessage> message = MakeRC<LogMessage>();
+            message->Append(text, -1, true);
+            writer->Write(message);
+            // The poll drain holds "first" while the others queue.
+            ASSERT_EQ(entered.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        }
+        auto switched = std::async(std::launch::async, [&] {
+            if (buffering)
+                writer->SetBufferingEnabled(false);
+            else
+                writer->SetEnabled(false);
+            std::lock_guard<std::mutex> lock(writer->mutex);
+            return writer->written;
+        });
+        writer->letGo.set_value();
+        ASSERT_EQ(switched.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        // Everything queued is out by the time the switch returns, in order.
+        EXPECT_EQ(switched.get(), (std::vector<std::string>{"first\n", "second\n", "third\n"}));
+        writer->Shutdown();
+    }
+}
+
+} // namespace

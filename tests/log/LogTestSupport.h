@@ -1,17 +1,24 @@
 #pragma once
-// A logger with a file writer in a private folder, for the tests of the
-// logging framework. Everything queued is on disk once Finish returns.
+// Loggers for the tests of the logging framework: a fresh default logger per
+// test, and one with a file writer in a private folder whose text is on disk
+// once Finish returns.
 
+#include "common/LogCapture.h"
 #include "common/TempDir.h"
 #include "log/FileWriter.h"
 #include "log/Logger.h"
 #include "log/LoggerManager.h"
+#include <tolv/log/Log.h>
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <dirent.h>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -19,27 +26,16 @@
 
 using namespace tolv::log;
 
+// A local time stamp, and the whole prefix in front of a line's level letter.
+inline const std::string kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";
+inline const std::string kPrefix = kStamp + R"( <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] )";
+
 inline std::string ReadWholeFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-inline std::vector<std::string> FilesIn(const std::string& folder)
-{
-    std::vector<std::string> names;
-    if (DIR* dir = opendir(folder.c_str())) {
-        while (dirent* entry = readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..")
-                names.push_back(name);
-        }
-        closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 inline std::vector<std::string> SplitLines(const std::string& text)
@@ -51,12 +47,17 @@ inline std::vector<std::string> SplitLines(const std::string& text)
     return lines;
 }
 
-// Waits for a condition that another thread makes true; the limit only ends
-// a test that would otherwise hang.
-template <typename Pred>
-bool WaitUntil(Pred&& pred, std::chrono::seconds limit = std::chrono::seconds(60))
+inline bool Has(const std::string& text, const std::string& part)
 {
-    const auto end = std::chrono::steady_clock::now() + limit;
+    return text.find(part) != std::string::npos;
+}
+
+// Waits for what another thread makes true; the limit only ends a test that
+// would otherwise hang.
+template <typename Pred>
+bool WaitUntil(Pred&& pred)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!pred()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
@@ -65,44 +66,53 @@ bool WaitUntil(Pred&& pred, std::chrono::seconds limit = std::chrono::seconds(60
     return true;
 }
 
-class FileLoggerFixture : public ::testing::Test {
+class LoggerFixture : public ::testing::Test {
 protected:
-    // A fresh logger per test: names are unique even when one process runs
-    // every test.
-    void MakeLogger(bool makeDefault = true, const std::string& appName = "tolvTest")
+    // Names are unique even when one process runs every test.
+    void NewLogger(const std::string& appName = "tolvTest", bool makeDefault = true)
     {
         static int counter = 0;
-        const std::string name = "test-logger-" + std::to_string(++counter);
-        logger = LoggerManager::GetInstance()->CreateLogger(name, appName, makeDefault);
+        Drop();
+        logger = LoggerManager::GetInstance()->CreateLogger("test-logger-" + std::to_string(++counter), appName,
+                                                            makeDefault);
         ASSERT_TRUE(logger);
-        writer = RCPtr<FileWriter>(static_cast<FileWriter*>(logger->GetWriter(LogWriter::kFileWriter).get()));
-        ASSERT_TRUE(writer);
-        ASSERT_TRUE(writer->SetProperty("folderPath", dir.path()));
     }
-
-    void Start() { ASSERT_TRUE(logger->Start()); }
-
-    // Shuts the logger down (the footer is written) and returns the text of
-    // the first file.
-    std::string Finish()
+    template <typename W>
+    RCPtr<W> WriterOf(int32_t type)
     {
-        const std::string path = writer->GetFilePath();
+        return RCPtr<W>(static_cast<W*>(logger->GetWriter(type).get()));
+    }
+    void Drop()
+    {
+        if (!logger)
+            return;
         logger->Shutdown();
         if (LoggerManager::GetInstance()->GetDefaultLogger() == logger)
             LoggerManager::GetInstance()->SetDefaultLogger({});
-        return ReadWholeFile(path);
     }
-
-    void TearDown() override
-    {
-        if (logger) {
-            logger->Shutdown();
-            if (LoggerManager::GetInstance()->GetDefaultLogger() == logger)
-                LoggerManager::GetInstance()->SetDefaultLogger({});
-        }
-    }
+    void TearDown() override { Drop(); }
 
     TempDir dir;
     RCPtr<Logger> logger;
+};
+
+class FileLoggerFixture : public LoggerFixture {
+protected:
+    void MakeLogger(bool makeDefault = true)
+    {
+        NewLogger("tolvTest", makeDefault);
+        writer = WriterOf<FileWriter>(LogWriter::kFileWriter);
+        ASSERT_TRUE(writer);
+        ASSERT_TRUE(writer->SetProperty("folderPath", dir.path()));
+    }
+    void Start() { ASSERT_TRUE(logger->Start()); }
+    // Shuts the logger down (the footer is written) and returns its first file's text.
+    std::string Finish()
+    {
+        const std::string path = writer->GetFilePath();
+        Drop();
+        return ReadWholeFile(path);
+    }
+
     RCPtr<FileWriter> writer;
 };
