@@ -77,7 +77,6 @@ protected:
             return true;
         });
     }
-
     ScopedLogCapture log{LOG_LEVEL_NEVER};
     Journal journal;
     LxEvent running{true, false};

@@ -59,7 +59,6 @@ TEST_F(LxEventTest, ManualResetStaysSignalledAutoResetReleasesOneWait)
     EXPECT_EQ(manual.Wait(0), 0);
     EXPECT_TRUE(manual.Reset());
     EXPECT_EQ(manual.Wait(0), LxEvent::kTimeout);
-
     LxEvent automatic(false, true);
     EXPECT_EQ(automatic.Wait(0), 0); // initially signalled
     EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
@@ -67,7 +66,6 @@ TEST_F(LxEventTest, ManualResetStaysSignalledAutoResetReleasesOneWait)
     automatic.Set(); // two settings before a wait release one wait
     EXPECT_EQ(automatic.Wait(0), 0);
     EXPECT_EQ(automatic.Wait(0), LxEvent::kTimeout);
-
     LxEvent empty;
     EXPECT_FALSE(empty.Set());
     EXPECT_EQ(empty.Wait(0), LxEvent::kFailed);
@@ -108,12 +106,10 @@ TEST_F(LxEventTest, WaitForMultipleReportsTheLowestSignalledAndWaitAllNeedsEvery
     std::thread setter([&] { a.Set(); }); // a wake from another thread ends an infinite wait
     EXPECT_EQ(LxEvent::WaitForMultiple({&b, &a}, false, LxEvent::kInfinite), 1);
     setter.join();
-
     LxEvent empty;
     std::vector<LxEvent*> tooMany(LxEvent::kMaxWaitObjects + 1, &a);
     for (const std::vector<LxEvent*>& bad : {std::vector<LxEvent*>{&a, nullptr}, {&a, &empty}, {}, tooMany})
         EXPECT_EQ(LxEvent::WaitForMultiple(bad, false, 0), LxEvent::kFailed) << bad.size();
-
     // Wait-all: a (manual, set) alone is not enough; the auto-reset one is taken.
     EXPECT_EQ(LxEvent::WaitForMultiple({&a, &b}, true, 0), LxEvent::kTimeout);
     std::thread allSetter([&] { b.Set(); });
@@ -140,7 +136,6 @@ TEST_F(LxEventTest, ADescriptorEventIsSignalledWhileReadable)
     char buffer[4096];
     EXPECT_GT(read(fd, buffer, sizeof buffer), 0);
     EXPECT_EQ(watch.Wait(0), LxEvent::kTimeout);
-
     int pipeFds[2]; // not owned: the descriptor outlives the event
     ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
     { LxEvent borrowed(pipeFds[0], false); }

@@ -12,18 +12,15 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -31,11 +28,10 @@ namespace {
 
 using ProcessUtils::kNoSession;
 
-// What the kernel shows of one thread of this process: its name, or its
-// effective uid and gid and its groups.
-std::string ThreadStatus(pid_t tid, const char* file = "status")
+// The effective uid and gid and the groups of a thread of this process, as the kernel shows them.
+std::string ThreadStatus(pid_t tid)
 {
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/" + file);
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
     std::string text;
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
@@ -43,7 +39,7 @@ std::string ThreadStatus(pid_t tid, const char* file = "status")
         fields >> key >> real >> effective;
         if (key == "Uid:" || key == "Gid:")
             text += key + effective + " ";
-        else if (key == "Groups:" || std::string(file) != "status")
+        else if (key == "Groups:")
             text += line;
     }
     return text;
@@ -56,57 +52,31 @@ public:
     LoginSession()
     {
         const std::string name = "tolvimp" + std::to_string(getpid());
-        const std::vector<std::string> add = {"/usr/sbin/useradd", "--no-create-home", "--no-user-group", name};
         const struct passwd* entry = nullptr;
-        if (geteuid() != 0 || ChildProcess(add).Wait() != 0 || !(entry = getpwnam(name.c_str()))) {
+        if (geteuid() != 0 || ChildProcess({"/usr/sbin/useradd", "--no-create-home", "--no-user-group", name}).Wait() ||
+            !(entry = getpwnam(name.c_str()))) {
             why = "needs root and useradd to make a user";
             return;
         }
         userName = name;
         uid = entry->pw_uid;
         gid = entry->pw_gid;
-        int report[2];
-        if (pipe2(report, O_CLOEXEC) != 0) {
-            why = "no pipe";
-            return;
-        }
-        m_child = fork();
-        if (m_child == 0) {
-            // The login: setting the login uid starts a new audit session.
-            const std::string text = std::to_string(uid);
-            const int fd = open("/proc/self/loginuid", O_WRONLY);
-            uint32_t session = kNoSession;
-            if (fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()))
-                session = ProcessUtils::GetSessionID(false, kNoSession);
-            if (setgid(gid) != 0 || setuid(uid) != 0)
-                session = kNoSession;
-            if (write(report[1], &session, sizeof session) == sizeof session)
-                pause(); // stays logged on until the test ends it
-            _exit(0);
-        }
-        close(report[1]);
-        if (read(report[0], &sessionId, sizeof sessionId) != sizeof sessionId || sessionId == 0)
-            sessionId = kNoSession;
-        close(report[0]);
-        if (sessionId == kNoSession)
+        // The login: setting the login uid starts a new audit session.
+        m_process = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sh", "-c",
+            "echo " + std::to_string(uid) + " >/proc/self/loginuid; cat /proc/self/sessionid; echo; exec sleep 1000"});
+        WaitUntil([&] { return m_process->Stdout().find('\n') != std::string::npos; });
+        sessionId = static_cast<uint32_t>(std::stoul("0" + m_process->Stdout()));
+        if (sessionId == 0 || sessionId == kNoSession)
             why = "this machine does not let a process set its login uid";
     }
     // Logs the session's process off and waits until it is gone.
-    void End()
-    {
-        if (m_child > 0) {
-            kill(m_child, SIGKILL);
-            waitpid(m_child, nullptr, 0);
-        }
-        m_child = -1;
-    }
+    void End() { m_process.reset(); }
     ~LoginSession()
     {
         End();
         if (!userName.empty())
             ChildProcess({"/usr/sbin/userdel", userName}).Wait();
     }
-
     std::string why;
     std::string userName;
     uid_t uid = 0;
@@ -114,7 +84,7 @@ public:
     uint32_t sessionId = kNoSession;
 
 private:
-    pid_t m_child = -1;
+    std::unique_ptr<ChildProcess> m_process;
 };
 
 TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
@@ -122,8 +92,6 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     LoginSession login;
     if (!login.why.empty())
         GTEST_SKIP() << login.why;
-
-    // The session as the queries see it.
     uint32_t resolved = 0;
     EXPECT_TRUE(ProcessUtils::IsValidSession(login.sessionId, &resolved));
     EXPECT_EQ(resolved, login.sessionId);
@@ -133,58 +101,41 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     ASSERT_TRUE(ProcessUtils::GetUserSIDForSession(login.sessionId, &sid, LOG_LEVEL_ERROR));
     EXPECT_EQ(std::string(sid), std::to_string(login.uid));
     free(sid);
-
-    ScopedLogCapture capture(LOG_LEVEL_DEBUG);
-    const std::string id = std::to_string(login.sessionId);
     LxImpersonateSession session;
     ASSERT_TRUE(session.Init(login.sessionId));
     EXPECT_TRUE(session.Init(login.sessionId));
-    EXPECT_EQ(capture.Count("Already impersonating session " + id), 1u);
-
-    const pid_t mainThread = gettid();
-    const std::string own = ThreadStatus(mainThread);
-    std::promise<void> switched;
+    const std::string own = ThreadStatus(gettid());
+    std::promise<std::string> during;
     std::promise<void> checked;
-    bool started = false;
     bool stopped = false;
-    uint32_t sessionSeen = 0;
-    std::string during;
     std::string after;
     std::thread worker([&] {
-        started = session.Start();
-        sessionSeen = ProcessUtils::GetSessionID(true, kNoSession);
-        during = ThreadStatus(gettid());
-        switched.set_value();
+        EXPECT_TRUE(session.Start());
+        EXPECT_EQ(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
+        during.set_value(ThreadStatus(gettid()));
         checked.get_future().wait();
         stopped = session.Stop();
         after = ThreadStatus(gettid());
     });
-    switched.get_future().wait();
-    // While one thread acts as the user, the others keep their own credentials,
-    // and a Stop from a thread that did not start it changes nothing.
-    EXPECT_EQ(ThreadStatus(mainThread), own);
+    const std::string user = during.get_future().get();
+    EXPECT_EQ(user.substr(0, user.find("Groups:")),
+              "Uid:" + std::to_string(login.uid) + " Gid:" + std::to_string(login.gid) + " ");
+    // The other threads keep their own credentials and session, and a Stop
+    // from a thread that did not start it changes nothing.
+    EXPECT_EQ(ThreadStatus(gettid()), own);
     EXPECT_NE(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
     EXPECT_FALSE(session.Stop());
     EXPECT_TRUE(session.IsImpersonating());
     checked.set_value();
     worker.join();
-
-    ASSERT_TRUE(started);
-    EXPECT_EQ(during.substr(0, during.find("Groups:")),
-              "Uid:" + std::to_string(login.uid) + " Gid:" + std::to_string(login.gid) + " ");
-    EXPECT_EQ(sessionSeen, login.sessionId);
     EXPECT_TRUE(stopped);
     EXPECT_FALSE(session.IsImpersonating());
     EXPECT_EQ(after, own);
-    EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " started"), 1u);
-    EXPECT_EQ(capture.Count("Impersonating " + login.userName + " on session " + id + " stopped"), 1u);
-
     // Once its last process has gone the session no longer exists.
     login.End();
     session.Reset();
     EXPECT_FALSE(ProcessUtils::IsValidSession(login.sessionId));
     EXPECT_FALSE(session.Init(login.sessionId));
-    EXPECT_EQ(capture.Count("Invalid session ID " + id), 1u);
     EXPECT_EQ(session.SessionId(), kNoSession);
 }
 
@@ -193,22 +144,16 @@ TEST(LxImpersonateSession, RefusesSessionZeroAndNeedsInitBeforeStart)
     ScopedLogCapture capture(LOG_LEVEL_VERBOSE);
     LxImpersonateSession session;
     EXPECT_TRUE(session.Stop());
-    EXPECT_TRUE(capture.Lines().empty());
-
     EXPECT_FALSE(session.Init(0));
     EXPECT_EQ(capture.Count("SessionID(0) - Impersonating session 0 not allowed"), 1u);
-    EXPECT_EQ(capture.Count("Failed to get user token for session 0"), 1u);
-    EXPECT_EQ(session.SessionId(), kNoSession);
     EXPECT_FALSE(session.Start());
-    EXPECT_EQ(capture.Count("Not initialized on session -1"), 1u);
     EXPECT_FALSE(session.IsImpersonating());
-
     // Session 0 has no user: the SID query fails, quietly when asked to.
     char* sid = reinterpret_cast<char*>(1);
-    const size_t before = capture.Lines().size();
+    capture.Clear();
     EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, -1));
     EXPECT_EQ(sid, nullptr);
-    EXPECT_EQ(capture.Lines().size(), before);
+    EXPECT_TRUE(capture.Lines().empty());
     EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, LOG_LEVEL_WARN));
     EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
     EXPECT_TRUE(ProcessUtils::GetSessionUserName(0).empty());
@@ -221,8 +166,7 @@ TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
     if (!login.why.empty())
         GTEST_SKIP() << login.why;
     EXPECT_TRUE(ProcessUtils::IsServiceAccount());
-    // Each user in a process of its own.
-    auto childAnswer = [](uid_t uid) {
+    auto childAnswer = [](uid_t uid) { // each user in a process of its own
         const pid_t pid = fork();
         if (pid == 0)
             _exit(setuid(uid) != 0 ? 2 : ProcessUtils::IsServiceAccount() ? 1 : 0);
@@ -234,8 +178,6 @@ TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
     if (const struct passwd* daemonUser = getpwnam("daemon")) {
         EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
     }
-
-    // The current user key of a session is its user's hive.
     SettingsStore store;
     const std::string own = store.path() + "/HKCU/Software/Test";
     const std::string users = store.path() + "/HKU/" + std::to_string(login.uid) + "/software/test";
@@ -251,28 +193,6 @@ TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
     EXPECT_EQ(LxRegKey("HKCU\\Software\\Test", LxRegKey::Win32Default, 0).OpenKey(), LxRegKey::kErrorNotFound);
 }
 
-TEST(LxProcessUtils, ThreadNamesReachTheKernelKeepingTheThreadPart)
-{
-    std::promise<pid_t> tid;
-    std::promise<void> named;
-    std::thread other([&] {
-        tid.set_value(gettid());
-        named.get_future().wait();
-    });
-    const pid_t otherTid = tid.get_future().get();
-    ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "tolvClientWorker!LogPollThread");
-    EXPECT_EQ(ThreadStatus(otherTid, "comm"), "LogPollThread");
-    ProcessUtils::SetThreadName(static_cast<uint32_t>(otherTid), "w!Poll");
-    EXPECT_EQ(ThreadStatus(otherTid, "comm"), "w!Poll");
-    named.set_value();
-    other.join();
-
-    const std::string before = ThreadStatus(gettid(), "comm");
-    ProcessUtils::SetThreadName(kNoSession, "a-very-long-thread-name-without-module");
-    EXPECT_EQ(ThreadStatus(gettid(), "comm"), "a-very-long-thr");
-    ProcessUtils::SetThreadName(kNoSession, before.c_str());
-}
-
 TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
 {
     // This test program carries the version record of the library it links.
@@ -280,7 +200,6 @@ TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
     const std::string time = ProcessUtils::GetFileTimeText(image);
     ASSERT_FALSE(time.empty());
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(image), "version=" TOLV_VERSION_TEXT " (" + time + ")");
-
     // Half an ELF header: read as a file without a version record, never past its end.
     TempDir dir;
     const std::string path = dir.file("half-elf");
@@ -291,9 +210,7 @@ TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information (Mar  5 2021 04:05:06)");
     unlink(path.c_str());
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information");
-    EXPECT_EQ(ProcessUtils::GetFileTimeText(""), "");
-
-    struct utsname names {};
+    struct utsname names{};
     ASSERT_EQ(uname(&names), 0);
     const std::string os = ProcessUtils::GetOSVersionText();
     EXPECT_NE(os.find(std::string(", Version ") + names.release + ", 64-bit"), std::string::npos) << os;

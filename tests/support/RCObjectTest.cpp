@@ -51,7 +51,6 @@ TEST(RCObjectTest, LastReleaseDeletesOrRecyclesAndWeakPointersSeeItGo)
     EXPECT_EQ(destroyed, 1);
     EXPECT_FALSE(weak.IsAlive());
     EXPECT_FALSE(weak.Lock());
-
     auto* object = new Recycled;
     RCPtr<Recycled> first(object);
     WkPtr<Recycled> oldWeak(first);
