@@ -12,27 +12,21 @@
 #include <atomic>
 #include <future>
 #include <numeric>
-#include <thread>
-#include <vector>
 
 using namespace tamsel::task;
 using namespace std::chrono_literals;
 
 namespace {
 
-// An eventfd a wait task watches.
+// An eventfd for a wait task to watch.
 struct EventFd {
     const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     ~EventFd() { ::close(fd); }
-    void Signal() const
-    {
-        const uint64_t one = 1;
-        EXPECT_EQ(::write(fd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
-    }
+    void Signal() const { EXPECT_EQ(::eventfd_write(fd, 1), 0); }
     void Drain() const
     {
-        uint64_t value;
-        [[maybe_unused]] ssize_t n = ::read(fd, &value, sizeof value);
+        eventfd_t value;
+        (void)::eventfd_read(fd, &value);
     }
 };
 
@@ -41,47 +35,51 @@ OwnedPointer Int(int value)
     return OwnedPointer([](void* p) { delete static_cast<int*>(p); }, new int(value));
 }
 
-// Lets the pool run everything already posted: a work callback that has run
-// after an event was reported shows the event was dispatched or dropped.
-void RoundTrip(const std::shared_ptr<LinuxThreadPoolExecutor>& executor)
-{
-    Counter done;
-    auto task = executor->createWorkTask([&](void*, void*) { done.add(); });
-    for (int i = 0; i < 4; ++i)
-        executor->submitWork(task, {}, {});
-    ASSERT_TRUE(done.waitFor(4));
-    executor->closeWorkTask(task);
-}
-
-// A work task whose callbacks count their start and then block at `gate`.
-std::shared_ptr<WtpWorkTaskContext> Blocking(LinuxThreadPoolExecutor& executor, Counter& started, Gate& gate)
-{
-    return executor.createWorkTask([&](void*, void*) {
-        started.add();
-        gate.pass();
-    });
-}
-
 class Executor : public testing::Test {
 protected:
-    std::shared_ptr<LinuxThreadPoolExecutor> executor = LinuxThreadPoolExecutor::create();
+    // Lets the pool run everything already posted: a work callback that has run
+    // after an event was reported shows the event was dispatched or dropped.
+    void RoundTrip()
+    {
+        Counter done;
+        auto task = executor->createWorkTask([&](void*, void*) { done.add(); });
+        for (int i = 0; i < 4; ++i)
+            executor->submitWork(task, {}, {});
+        ASSERT_TRUE(done.waitFor(4));
+        executor->closeWorkTask(task);
+    }
+    // A work task whose callbacks count their start and then wait at the gate.
+    std::shared_ptr<WtpWorkTaskContext> Blocking()
+    {
+        return executor->createWorkTask([this](void*, void*) {
+            started.add();
+            gate.pass();
+        });
+    }
+    void Recreate(LinuxThreadPoolExecutor::Options options) { executor = LinuxThreadPoolExecutor::create(options); }
+
     Gate gate;
     Counter started;
+    std::shared_ptr<LinuxThreadPoolExecutor> executor = LinuxThreadPoolExecutor::create(); // goes first
 };
+using ExecutorOrder = Executor;
+using ExecutorPool = Executor;
+using ExecutorClose = Executor;
+using ExecutorLifetime = Executor;
+using ExecutorStress = Executor;
 
 } // namespace
 
-TEST(ExecutorOrder, ItemsRunOnceEachInSubmissionOrderWithTheirArguments)
+// Two threads, one held at the gate: the other runs the callbacks one at a
+// time, so the order they see is the order the queue hands out.
+TEST_F(ExecutorOrder, ItemsRunOnceEachInSubmissionOrderWithTheirArguments)
 {
-    // Two threads: one held at a gate, so the other runs the callbacks one at a
-    // time and the order they see is the order the queue hands out.
-    auto executor = LinuxThreadPoolExecutor::create({.maxThreads = 2});
-    Gate gate;
-    Counter held, done;
-    auto blocker = Blocking(*executor, held, gate);
+    Recreate({.maxThreads = 2});
+    auto blocker = Blocking();
     executor->submitWork(blocker, {}, {});
-    ASSERT_TRUE(held.waitFor(1));
+    ASSERT_TRUE(started.waitFor(1));
     std::vector<int> order;
+    Counter done;
     auto task = executor->createWorkTask([&](void* completion, void* arguments) {
         order.push_back(arguments || completion ? *static_cast<int*>(arguments) : -1);
         done.add();
@@ -95,27 +93,26 @@ TEST(ExecutorOrder, ItemsRunOnceEachInSubmissionOrderWithTheirArguments)
     ASSERT_TRUE(done.waitFor(501));
     EXPECT_EQ(order, expected);
     gate.open();
-    executor->waitForWorkCallbacks(blocker);
 }
 
-TEST(ExecutorPool, AnIdleThreadNeverRetiresWhileItIsTheLastOneWaiting)
+// A callback that waits for another task's callback: the pool must keep a
+// thread for that one, however long the first blocks.
+TEST_F(ExecutorPool, AnIdleThreadNeverRetiresWhileItIsTheLastOneWaiting)
 {
-    // A callback that waits for another task's callback: the pool must keep a
-    // thread for that one, however long the first blocks.
-    auto executor = LinuxThreadPoolExecutor::create({.minThreads = 1, .idleTimeout = 20ms});
+    Recreate({.minThreads = 1, .idleTimeout = 20ms});
     EventFd event;
-    Counter waited, blocked;
+    Counter waited;
     auto wait = executor->createWaitTask(event.fd, [&] {
         event.Drain();
         waited.add();
     });
     executor->armWait(wait);
     auto work = executor->createWorkTask([&](void*, void*) {
-        blocked.add();
+        started.add();
         waited.waitFor(1);
     });
     executor->submitWork(work, {}, {});
-    ASSERT_TRUE(blocked.waitFor(1));
+    ASSERT_TRUE(started.waitFor(1));
     std::this_thread::sleep_for(200ms); // ten idle time-outs: spare threads retire meanwhile
     event.Signal();
     EXPECT_TRUE(waited.waitFor(1));
@@ -123,21 +120,32 @@ TEST(ExecutorPool, AnIdleThreadNeverRetiresWhileItIsTheLastOneWaiting)
     executor->closeWaitTask(wait);
 }
 
-// Closing from another thread waits for the running callbacks; queued work
-// items are released unrun, and so are those submitted after the close.
-TEST(ExecutorClose, ClosingWaitsForRunningCallbacksAndReleasesQueuedItems)
+TEST_F(ExecutorPool, GrowsWhenCallbacksBlockAndStaysWithinItsBound)
 {
-    // Two threads at most: both blocked below, so further items stay queued.
-    auto executor = LinuxThreadPoolExecutor::create({.maxThreads = 2});
-    Gate gate;
-    Counter started;
+    Recreate({.minThreads = 1, .maxThreads = 6, .idleTimeout = 50ms});
+    auto task = Blocking();
+    for (int i = 0; i < 10; ++i)
+        executor->submitWork(task, {}, {});
+    ASSERT_TRUE(started.waitFor(6)); // only if the pool grows; past its bound work waits for a thread
+    EXPECT_LE(executor->peakThreadCount(), 6u);
+    gate.open();
+    ASSERT_TRUE(started.waitFor(10));
+    executor->waitForWorkCallbacks(task);
+    EXPECT_TRUE(WaitUntil([&] { return executor->threadCount() == 1; })); // idle ones retire
+}
+
+// Closing from another thread waits for the running callbacks; queued items
+// are released unrun, and so are those submitted after the close.
+TEST_F(ExecutorClose, ClosingWaitsForRunningCallbacksAndReleasesQueuedItems)
+{
+    Recreate({.maxThreads = 2}); // both blocked below, so further items stay queued
     std::atomic<int> ran{0};
     auto task = executor->createWorkTask([&](void*, void*) {
         started.add();
         gate.pass();
         ++ran;
     });
-    static std::atomic<int> released{0};
+    static std::atomic<int> released;
     released = 0;
     auto counted = [] { return OwnedPointer([](void*) { ++released; }, reinterpret_cast<void*>(1)); };
     executor->submitWork(task, {}, counted());
@@ -154,84 +162,9 @@ TEST(ExecutorClose, ClosingWaitsForRunningCallbacksAndReleasesQueuedItems)
     EXPECT_EQ(released, 7);
 }
 
-TEST_F(Executor, WaitFiresOncePerArmingAndNotAfterADisarm)
-{
-    EventFd event;
-    Counter fired;
-    auto task = executor->createWaitTask(event.fd, [&] {
-        event.Drain();
-        fired.add();
-    });
-    executor->armWait(task);
-    executor->armWait(task); // registered once
-    event.Signal();
-    ASSERT_TRUE(fired.waitFor(1));
-    event.Signal(); // not armed: nothing
-    RoundTrip(executor);
-    EXPECT_EQ(fired.value(), 1);
-    executor->armWait(task); // the pending signal is seen now
-    ASSERT_TRUE(fired.waitFor(2));
-    // A signal after the disarm does not call back; disarming twice is harmless.
-    executor->armWait(task);
-    executor->disarmWait(task);
-    executor->disarmWait(task);
-    event.Signal();
-    RoundTrip(executor);
-    executor->waitForWaitCallbacks(task);
-    EXPECT_EQ(fired.value(), 2);
-    executor->closeWaitTask(task);
-}
-
-TEST_F(Executor, DisarmRacingASignalNeverCallsBackMoreThanArmed)
-{
-    EventFd event;
-    std::atomic<int> fired{0};
-    auto task = executor->createWaitTask(event.fd, [&] {
-        event.Drain();
-        ++fired;
-    });
-    for (int i = 0; i < 500; ++i) {
-        executor->armWait(task);
-        std::thread signaller([&] { event.Signal(); });
-        executor->disarmWait(task);
-        signaller.join();
-        executor->waitForWaitCallbacks(task);
-        event.Drain();
-        const int before = fired;
-        RoundTrip(executor); // disarmed now: whatever the race did, no later callback may come
-        EXPECT_EQ(fired, before);
-        EXPECT_LE(fired, i + 1);
-    }
-    executor->closeWaitTask(task);
-}
-
-TEST_F(Executor, TimersFireOnceOrPeriodically)
-{
-    Counter once, periodic, sentinel;
-    auto oneShot = executor->createTimerTask([&] { once.add(); });
-    auto repeat = executor->createTimerTask([&] { periodic.add(); });
-    auto marker = executor->createTimerTask([&] { sentinel.add(); });
-    executor->setTimer(oneShot, 0ns, 999us); // at once; a period under 1 ms is none
-    ASSERT_TRUE(once.waitFor(1));
-    executor->setTimer(repeat, 1ms, 1ms);
-    ASSERT_TRUE(periodic.waitFor(5));
-    executor->cancelTimer(repeat);
-    executor->waitForTimerCallbacks(repeat);
-    const int afterCancel = periodic.value();
-    executor->setTimer(marker, 50ms, 0ns);
-    ASSERT_TRUE(sentinel.waitFor(1));
-    EXPECT_EQ(once.value(), 1);
-    EXPECT_LE(periodic.value(), afterCancel + 1); // at most one expiry already under way
-    // Absolute: a time in the past fires at once, one in the near future fires.
-    executor->setTimerAbsolute(oneShot, std::chrono::system_clock::now() - 1h);
-    ASSERT_TRUE(once.waitFor(2));
-    executor->setTimerAbsolute(oneShot, std::chrono::system_clock::now() + 20ms);
-    ASSERT_TRUE(once.waitFor(3));
-}
-
 // A callback that closes its own task waits for the task's other callbacks,
 // never for itself; its own state and even the last handle may go meanwhile.
-TEST_F(Executor, ClosingFromInsideWaitsForTheOtherCallbacksOnly)
+TEST_F(ExecutorClose, ClosingFromInsideWaitsForTheOtherCallbacksOnly)
 {
     std::atomic<bool> otherFinished{false}, sawOtherFinished{false};
     std::shared_ptr<WtpWorkTaskContext> work;
@@ -264,47 +197,68 @@ TEST_F(Executor, ClosingFromInsideWaitsForTheOtherCallbacksOnly)
     state.reset();
     executor->setTimer(timer, 0ns, 0ns);
     ASSERT_TRUE(started.waitFor(3));
-    RoundTrip(executor);
+    RoundTrip();
     executor->waitForTimerCallbacks(timer);
     EXPECT_EQ(started.value(), 3);
 }
 
-TEST(ExecutorLifetime, DestructionWaitsForHandlesStillHeld)
+// Once per arming, never after a disarm, also when the disarm races a signal.
+TEST_F(Executor, WaitFiresOncePerArmingAndNotAfterADisarm)
 {
-    auto executor = LinuxThreadPoolExecutor::create();
-    Counter fired;
-    auto task = executor->createWorkTask([&](void*, void*) { fired.add(); });
-    executor->submitWork(task, {}, {});
-    ASSERT_TRUE(fired.waitFor(1));
-    auto destroying = std::async(std::launch::async, [&] { executor.reset(); });
-    EXPECT_EQ(destroying.wait_for(100ms), std::future_status::timeout);
-    task.reset(); // the last handle: the destructor can finish
-    destroying.get();
-    // Tasks nobody holds any more are closed by the destructor itself.
-    executor = LinuxThreadPoolExecutor::create();
-    executor->createTimerTask([] {});
-    executor->createWorkTask([](void*, void*) {});
-    executor.reset();
+    EventFd event;
+    std::atomic<int> fired{0};
+    auto task = executor->createWaitTask(event.fd, [&] {
+        event.Drain();
+        ++fired;
+        started.add();
+    });
+    executor->armWait(task);
+    executor->armWait(task); // registered once
+    event.Signal();
+    ASSERT_TRUE(started.waitFor(1));
+    event.Signal(); // not armed: nothing
+    RoundTrip();
+    EXPECT_EQ(fired, 1);
+    executor->armWait(task); // the pending signal is seen now
+    ASSERT_TRUE(started.waitFor(2));
+    for (int i = 0; i < 500; ++i) {
+        const int before = fired;
+        executor->armWait(task);
+        std::thread signaller([&] { event.Signal(); });
+        executor->disarmWait(task);
+        executor->disarmWait(task); // twice is harmless
+        signaller.join();
+        executor->waitForWaitCallbacks(task);
+        const int settled = fired;
+        event.Drain();
+        RoundTrip(); // disarmed now: whatever the race did, no later callback may come
+        EXPECT_EQ(fired, settled);
+        EXPECT_LE(fired, before + 1);
+    }
+    executor->closeWaitTask(task);
 }
 
-TEST(ExecutorPool, GrowsWhenCallbacksBlockAndStaysWithinItsBound)
+TEST_F(Executor, TimersFireOnceOrPeriodically)
 {
-    auto executor = LinuxThreadPoolExecutor::create({.minThreads = 1, .maxThreads = 6, .idleTimeout = 50ms});
-    Gate gate;
-    Counter running;
-    auto task = Blocking(*executor, running, gate);
-    // Callbacks that block at once can only all start if the pool grows; past
-    // the bound, further work waits for a thread instead of growing it.
-    for (int i = 0; i < 10; ++i)
-        executor->submitWork(task, {}, {});
-    ASSERT_TRUE(running.waitFor(6));
-    EXPECT_LE(executor->peakThreadCount(), 6u);
-    gate.open();
-    ASSERT_TRUE(running.waitFor(10));
-    executor->waitForWorkCallbacks(task);
-    // Idle threads retire, down to the minimum.
-    EXPECT_TRUE(WaitUntil([&] { return executor->threadCount() == 1; }));
-    executor->closeWorkTask(task);
+    Counter once, periodic, marker;
+    auto oneShot = executor->createTimerTask([&] { once.add(); });
+    auto repeat = executor->createTimerTask([&] { periodic.add(); });
+    auto sentinel = executor->createTimerTask([&] { marker.add(); });
+    executor->setTimer(oneShot, 0ns, 999us); // at once; a period under 1 ms is none
+    ASSERT_TRUE(once.waitFor(1));
+    executor->setTimer(repeat, 1ms, 1ms);
+    ASSERT_TRUE(periodic.waitFor(5));
+    executor->cancelTimer(repeat);
+    executor->waitForTimerCallbacks(repeat);
+    const int afterCancel = periodic.value();
+    executor->setTimer(sentinel, 50ms, 0ns);
+    ASSERT_TRUE(marker.waitFor(1));
+    EXPECT_EQ(once.value(), 1);
+    EXPECT_LE(periodic.value(), afterCancel + 1); // at most one expiry already under way
+    executor->setTimerAbsolute(oneShot, std::chrono::system_clock::now() - 1h); // past: at once
+    ASSERT_TRUE(once.waitFor(2));
+    executor->setTimerAbsolute(oneShot, std::chrono::system_clock::now() + 20ms);
+    ASSERT_TRUE(once.waitFor(3));
 }
 
 TEST_F(Executor, ExceptionsFromCallbacksAreLoggedAndContained)
@@ -322,13 +276,27 @@ TEST_F(Executor, ExceptionsFromCallbacksAreLoggedAndContained)
     EXPECT_EQ(log.Count("A task callback raised an exception: bad input"), 1u);
     auto empty = executor->createTimerTask(nullptr); // an empty callable is a contained bad_function_call
     executor->setTimer(empty, 0ns, 0ns);
-    RoundTrip(executor);
+    RoundTrip();
     executor->waitForTimerCallbacks(empty);
 }
 
-TEST(ExecutorStress, ManyTasksCreatedFiredAndClosedFromSeveralThreads)
+// The destructor waits for handles still held, and closes the tasks nobody holds.
+TEST_F(ExecutorLifetime, DestructionWaitsForHandlesStillHeld)
 {
-    auto executor = LinuxThreadPoolExecutor::create();
+    auto task = Blocking();
+    gate.open();
+    executor->submitWork(task, {}, {});
+    ASSERT_TRUE(started.waitFor(1));
+    executor->createTimerTask([] {});
+    executor->createWorkTask([](void*, void*) {});
+    auto destroying = std::async(std::launch::async, [&] { executor.reset(); });
+    EXPECT_EQ(destroying.wait_for(100ms), std::future_status::timeout);
+    task.reset(); // the last handle: the destructor can finish
+    destroying.get();
+}
+
+TEST_F(ExecutorStress, ManyTasksCreatedFiredAndClosedFromSeveralThreads)
+{
     std::atomic<long> calls{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -370,7 +338,6 @@ TEST(WorkTask, CallsWithTheSubmittedArgumentsAndPropagatesFailures)
             throw std::invalid_argument("negative");
         joined += text + std::to_string(n);
     });
-    ASSERT_TRUE(task);
     task.submitAndWait("a", 1);
     task.submitAndWait("b", 2);
     EXPECT_EQ(joined, "a1b2");
@@ -387,8 +354,6 @@ TEST(WorkTask, CallsWithTheSubmittedArgumentsAndPropagatesFailures)
     executor->waitForWorkCallbacks(counting.context());
     EXPECT_EQ(*value, 42);
     EXPECT_EQ(value.use_count(), 1); // the packed copy is gone
-    task.close();
-    counting.close();
     ScopedLogCapture quiet(LOG_LEVEL_ALWAYS);
     auto none = CreateWorkTask<void()>(executor, [&] { done.add(); });
     executor->submitWork(none.context(), {}, {}); // no arguments at all still calls fn
