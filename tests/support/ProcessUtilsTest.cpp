@@ -193,19 +193,13 @@ TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
     EXPECT_EQ(LxRegKey("HKCU\\Software\\Test", LxRegKey::Win32Default, 0).OpenKey(), LxRegKey::kErrorNotFound);
 }
 
-TEST(LxProcessUtils, VersionTextsOfModulesAndFiles)
+// Half an ELF header: read as a file without a version record, never past its end.
+TEST(LxProcessUtils, VersionTextsOfAFileWithoutARecordAndOfTheSystem)
 {
-    // This test program carries the version record of the library it links.
-    const std::string image = std::filesystem::read_symlink("/proc/self/exe");
-    const std::string time = ProcessUtils::GetFileTimeText(image);
-    ASSERT_FALSE(time.empty());
-    EXPECT_EQ(ProcessUtils::GetModuleVersionText(image), "version=" TOLV_VERSION_TEXT " (" + time + ")");
-    // Half an ELF header: read as a file without a version record, never past its end.
     TempDir dir;
     const std::string path = dir.file("half-elf");
     std::ofstream(path, std::ios::binary).write("\x7f" "ELF\2\1\1", 8);
     ASSERT_EQ(ChildProcess({"touch", "-d", "2021-03-05 04:05:06", path}).Wait(), 0);
-    EXPECT_EQ(ProcessUtils::GetFileTimeText(path), "Mar  5 2021 04:05:06");
     EXPECT_EQ(ProcessUtils::GetFileProductVersionText(path), "");
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information (Mar  5 2021 04:05:06)");
     unlink(path.c_str());
