@@ -87,6 +87,8 @@ private:
     std::unique_ptr<ChildProcess> m_process;
 };
 
+// A session's user is taken on by one thread only, is no service account and
+// has a hive of its own.
 TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
 {
     LoginSession login;
@@ -131,6 +133,32 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     EXPECT_TRUE(stopped);
     EXPECT_FALSE(session.IsImpersonating());
     EXPECT_EQ(after, own);
+    EXPECT_TRUE(ProcessUtils::IsServiceAccount());
+    auto childAnswer = [](uid_t uid) { // each user in a process of its own
+        const pid_t pid = fork();
+        if (pid == 0)
+            _exit(setuid(uid) != 0 ? 2 : ProcessUtils::IsServiceAccount() ? 1 : 0);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(childAnswer(login.uid), 0) << "uid " << login.uid;
+    if (const struct passwd* daemonUser = getpwnam("daemon")) {
+        EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
+    }
+    SettingsStore store;
+    const std::string ours = store.path() + "/HKCU/Software/Test";
+    const std::string theirs = store.path() + "/HKU/" + std::to_string(login.uid) + "/software/test";
+    std::filesystem::create_directories(ours);
+    std::filesystem::create_directories(theirs);
+    LxRegKey ourKey("HKCU\\Software\\Test");
+    EXPECT_EQ(ourKey.OpenKey(), 0u);
+    EXPECT_EQ(ourKey.GetPath(), ours);
+    LxRegKey theirKey("HKEY_CURRENT_USER/Software/Test", LxRegKey::Win32Default, static_cast<int32_t>(login.sessionId));
+    EXPECT_EQ(theirKey.OpenKey(), 0u);
+    EXPECT_EQ(theirKey.GetPath(), theirs);
+    // Session 0 has no user, so it has no hive either.
+    EXPECT_EQ(LxRegKey("HKCU\\Software\\Test", LxRegKey::Win32Default, 0).OpenKey(), LxRegKey::kErrorNotFound);
     // Once its last process has gone the session no longer exists.
     login.End();
     session.Reset();
@@ -157,40 +185,6 @@ TEST(LxImpersonateSession, RefusesSessionZeroAndNeedsInitBeforeStart)
     EXPECT_FALSE(ProcessUtils::GetUserSIDForSession(0, &sid, LOG_LEVEL_WARN));
     EXPECT_EQ(capture.CountContaining("Unable to get user token of session (id: 0)"), 1u);
     EXPECT_TRUE(ProcessUtils::GetSessionUserName(0).empty());
-}
-
-// An ordinary user is no service account and has a hive of its own.
-TEST(LxProcessUtils, AnOrdinaryUserIsNoServiceAccountAndItsSessionHasItsOwnHive)
-{
-    LoginSession login;
-    if (!login.why.empty())
-        GTEST_SKIP() << login.why;
-    EXPECT_TRUE(ProcessUtils::IsServiceAccount());
-    auto childAnswer = [](uid_t uid) { // each user in a process of its own
-        const pid_t pid = fork();
-        if (pid == 0)
-            _exit(setuid(uid) != 0 ? 2 : ProcessUtils::IsServiceAccount() ? 1 : 0);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    };
-    EXPECT_EQ(childAnswer(login.uid), 0) << "uid " << login.uid;
-    if (const struct passwd* daemonUser = getpwnam("daemon")) {
-        EXPECT_EQ(childAnswer(daemonUser->pw_uid), 1);
-    }
-    SettingsStore store;
-    const std::string own = store.path() + "/HKCU/Software/Test";
-    const std::string users = store.path() + "/HKU/" + std::to_string(login.uid) + "/software/test";
-    std::filesystem::create_directories(own);
-    std::filesystem::create_directories(users);
-    LxRegKey mine("HKCU\\Software\\Test");
-    EXPECT_EQ(mine.OpenKey(), 0u);
-    EXPECT_EQ(mine.GetPath(), own);
-    LxRegKey theirs("HKEY_CURRENT_USER/Software/Test", LxRegKey::Win32Default, static_cast<int32_t>(login.sessionId));
-    EXPECT_EQ(theirs.OpenKey(), 0u);
-    EXPECT_EQ(theirs.GetPath(), users);
-    // Session 0 has no user, so it has no hive either.
-    EXPECT_EQ(LxRegKey("HKCU\\Software\\Test", LxRegKey::Win32Default, 0).OpenKey(), LxRegKey::kErrorNotFound);
 }
 
 // Half an ELF header: read as a file without a version record, never past its end.

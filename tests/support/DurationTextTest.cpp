@@ -1,62 +1,10 @@
 #include "support/DurationText.h"
-#include "support/LxElapsedTimer.h"
-#include "support/LxTimer.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 
 namespace {
-
-// A tick source the test moves by hand.
-class ManualTimer final : public LxTimer {
-public:
-    explicit ManualTimer(uint64_t frequency, uint64_t start) : now(start), m_frequency(frequency) { Start(); }
-    uint64_t GetTicks() const override { return now; }
-    uint64_t GetFrequency() const override { return m_frequency; }
-    uint64_t now;
-
-private:
-    uint64_t m_frequency;
-};
-
-TEST(LxTimerTest, EveryOperationReturnsTheElapsedTimeBeforeItApplies)
-{
-    const struct {
-        uint64_t advance;
-        LxTimer::Op op;
-        uint64_t elapsed;
-        bool pausedAfter;
-    } steps[] = {
-        {100, LxTimer::OpPause, 100, true},
-        {50, LxTimer::OpNone, 100, true},       // paused: does not count
-        {0, LxTimer::OpRestart, 100, true},     // a restart keeps a paused timer paused, at 0
-        {70, LxTimer::OpResume, 0, false},
-        {30, LxTimer::OpResetAndPause, 30, true},
-        {10, LxTimer::OpResetAndRun, 0, false},
-        {20, LxTimer::OpResume, 20, false},     // resuming a running timer changes nothing
-        {0, LxTimer::OpNone, 20, false},
-    };
-    ManualTimer t(1000, 5000);
-    for (const auto& step : steps) {
-        t.now += step.advance;
-        EXPECT_EQ(t.Elapsed(step.op), step.elapsed) << "op " << step.op << " at " << t.now;
-        EXPECT_EQ(t.IsPaused(), step.pausedAfter) << "op " << step.op << " at " << t.now;
-    }
-}
-
-TEST(LxTimerTest, MillisecondsAreRoundedAndSecondsAreExact)
-{
-    ManualTimer t(1000000, 1);
-    t.now += 1499;
-    EXPECT_EQ(t.ElapsedMs(), 1u);
-    t.now += 1;
-    EXPECT_EQ(t.ElapsedMs(), 2u); // 1.5 ms rounds up
-    EXPECT_DOUBLE_EQ(t.ElapsedSeconds(), 0.0015);
-    // Far beyond what ticks * 1000 holds in 64 bits.
-    EXPECT_EQ(t.TicksToMs(uint64_t{1} << 62), ((uint64_t{1} << 62) + 500) / 1000);
-    EXPECT_EQ(LxElapsedTimer().GetFrequency(), 1000000000u); // nanoseconds of the monotonic clock
-}
 
 TEST(LxDurationTextTest, SecondsUnitsClocksAndDays)
 {
