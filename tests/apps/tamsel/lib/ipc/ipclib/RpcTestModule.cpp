@@ -1,7 +1,7 @@
 // A registration module for the tests: serves each registered endpoint's
 // socket itself and forwards every request to the library's callback, one
-// call at a time. Hooks for the tests count the registrations and set what
-// IsRpcServerRegistered reports.
+// call at a time. Hooks let the tests set what IsRpcServerRegistered reports
+// and see the unregistrations and what the callback returned.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 
@@ -23,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
 namespace {
 
 struct Server {
@@ -34,18 +36,12 @@ struct Server {
 
 std::mutex g_mutex;
 std::map<std::string, std::unique_ptr<Server>> g_servers;
-std::atomic<int> g_registers{0};
 std::atomic<int> g_unregisters{0};
 std::atomic<uint8_t> g_reportRegistered{0};
 // What the library's callback returned, call by call.
 std::mutex g_resultMutex;
 std::condition_variable g_resultAdded;
 std::vector<uint32_t> g_results;
-
-std::string GuidText(const _GUID& g)
-{
-    return fmt::format("{}", g);
-}
 
 void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
 {
@@ -85,28 +81,20 @@ void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
 
 } // namespace
 
-extern "C" {
-
-__attribute__((visibility("default"))) uint8_t IsRpcServerRegistered(void)
+EXPORT uint8_t IsRpcServerRegistered(void)
 {
     std::lock_guard<std::mutex> guard(g_mutex);
     return g_reportRegistered.load() || !g_servers.empty();
 }
 
-__attribute__((visibility("default"))) uint32_t RpcServerRegister(const _GUID*, KxIpclibModuleTraceFn)
-{
-    return tamsel::ipc::kSysCallFailed;  // never called by the library
-}
-
-__attribute__((visibility("default"))) uint32_t RpcServerRegisterV2(const _GUID* endpoint,
-                                                                    KxIpclibCreateLinkCallbackFn callback,
-                                                                    KxIpclibModuleTraceFn trace, const void*)
+EXPORT uint32_t RpcServerRegisterV2(const _GUID* endpoint, KxIpclibCreateLinkCallbackFn callback,
+                                    KxIpclibModuleTraceFn trace, const void*)
 {
     const char* dir = std::getenv("IPCLIB_RUNTIME_DIR");
     if (!dir || !endpoint || !callback)
         return tamsel::ipc::kSysInvalidParameter;
     auto server = std::make_unique<Server>();
-    server->path = std::string(dir) + "/" + GuidText(*endpoint);
+    server->path = std::string(dir) + "/" + fmt::format("{}", *endpoint);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, server->path.c_str(), sizeof addr.sun_path - 1);
@@ -121,17 +109,16 @@ __attribute__((visibility("default"))) uint32_t RpcServerRegisterV2(const _GUID*
         trace("module serves the endpoint");
     server->thread = std::thread(Serve, server.get(), callback);
     std::lock_guard<std::mutex> guard(g_mutex);
-    g_servers[GuidText(*endpoint)] = std::move(server);
-    ++g_registers;
+    g_servers[fmt::format("{}", *endpoint)] = std::move(server);
     return 0;
 }
 
-__attribute__((visibility("default"))) uint32_t RpcServerUnregister(const _GUID* endpoint, KxIpclibModuleTraceFn)
+EXPORT uint32_t RpcServerUnregister(const _GUID* endpoint, KxIpclibModuleTraceFn)
 {
     std::unique_ptr<Server> server;
     {
         std::lock_guard<std::mutex> guard(g_mutex);
-        auto it = g_servers.find(GuidText(*endpoint));
+        auto it = g_servers.find(fmt::format("{}", *endpoint));
         if (it == g_servers.end())
             return tamsel::ipc::kSysServerUnavailable;
         server = std::move(it->second);
@@ -147,19 +134,25 @@ __attribute__((visibility("default"))) uint32_t RpcServerUnregister(const _GUID*
     return 0;
 }
 
-__attribute__((visibility("default"))) void TestModuleSetRegistered(uint8_t value)
+EXPORT void TestModuleSetRegistered(uint8_t value)
 {
     g_reportRegistered = value;
 }
 
-__attribute__((visibility("default"))) int TestModuleRegisterCalls(void)
+EXPORT int TestModuleUnregisterCalls(void)
 {
-    return g_registers.load();
+    return g_unregisters.load();
 }
 
-// Waits up to timeoutMs for the callback's result number `index` (from 0) and
-// stores it; false when it did not come.
-__attribute__((visibility("default"))) bool TestModuleCallbackResult(size_t index, int timeoutMs, uint32_t* result)
+EXPORT size_t TestModuleCallbackCount(void)
+{
+    std::lock_guard<std::mutex> guard(g_resultMutex);
+    return g_results.size();
+}
+
+// Waits up to timeoutMs for the callback's result number `index` (from 0);
+// false when it did not come.
+EXPORT bool TestModuleCallbackResult(size_t index, int timeoutMs, uint32_t* result)
 {
     std::unique_lock<std::mutex> lock(g_resultMutex);
     if (!g_resultAdded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return g_results.size() > index; }))
@@ -167,16 +160,3 @@ __attribute__((visibility("default"))) bool TestModuleCallbackResult(size_t inde
     *result = g_results[index];
     return true;
 }
-
-__attribute__((visibility("default"))) size_t TestModuleCallbackCount(void)
-{
-    std::lock_guard<std::mutex> guard(g_resultMutex);
-    return g_results.size();
-}
-
-__attribute__((visibility("default"))) int TestModuleUnregisterCalls(void)
-{
-    return g_unregisters.load();
-}
-
-} // extern "C"

@@ -1,7 +1,7 @@
 #pragma once
-// Test helpers: handing a link's channel descriptors to another process over a
-// Unix socket (SCM_RIGHTS), as the bootstrap will, and the byte pattern both
-// processes check.
+// Shared by the tests and their peer program: handing a link's channel
+// descriptors to another process over a Unix socket (SCM_RIGHTS), as the
+// bootstrap does, and the byte pattern both processes check.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
 #include <tamsel/ipc/ipclibStream.h>
@@ -23,6 +23,24 @@ struct HandOver {
     uint32_t mode = 0;
 };
 
+// One datagram of `size` bytes carrying `count` descriptors.
+inline bool SendWithFds(int socket, const void* data, size_t size, const int* fds, size_t count)
+{
+    std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
+    iovec io{const_cast<void*>(data), size};
+    msghdr msg{};
+    msg.msg_iov = &io;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control.data();
+    msg.msg_controllen = control.size();
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
+    std::memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * count);
+    return ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+}
+
 // Sends the header and ten descriptors: the creator's send channel, then its receive channel.
 inline bool SendHandOver(int socket, const HandOver& header, const KxIpclibLinkChannelResourceLinux& send,
                          const KxIpclibLinkChannelResourceLinux& recv)
@@ -31,19 +49,7 @@ inline bool SendHandOver(int socket, const HandOver& header, const KxIpclibLinkC
     const auto a = send.fds(), b = recv.fds();
     std::copy(a.begin(), a.end(), fds.begin());
     std::copy(b.begin(), b.end(), fds.begin() + 5);
-    char control[CMSG_SPACE(sizeof fds)] = {};
-    iovec io{const_cast<HandOver*>(&header), sizeof header};
-    msghdr msg{};
-    msg.msg_iov = &io;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
-    cmsg->cmsg_len = CMSG_LEN(sizeof fds);
-    std::memcpy(CMSG_DATA(cmsg), fds.data(), sizeof fds);
-    return ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof header);
+    return SendWithFds(socket, &header, sizeof header, fds.data(), fds.size());
 }
 
 // Receives what SendHandOver sent; the sets come back as the creator named them.
@@ -88,7 +94,7 @@ inline std::vector<uint32_t> MessageSizes(uint32_t section)
     return {1, 2, 63, 64, 1000, section - 28 - 40, section - 28 - 39, section, section + 1, 3 * section + 17};
 }
 
-// What one stream of a peer has received of the pattern messages.
+// What one stream has received of the pattern messages.
 struct Echoes {
     std::mutex lock;
     std::condition_variable changed;

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <system_error>
 #include <thread>
 
@@ -46,23 +45,13 @@ TEST(KxIpclibTask, InitHandsOutAnExecutorAndUninitDrainsItOutsideTheLock)
     holder->uninit(notHeld);
 }
 
-namespace {
-
-tamsel::task::LinuxThreadPoolExecutor& Inner(const std::shared_ptr<tamsel::task::TaskExecutor>& executor)
-{
-    return dynamic_cast<tamsel::task::LinuxThreadPoolExecutor&>(*executor);
-}
-
-} // namespace
-
 TEST(KxIpclibTask, UninitWaitsForEveryTaskAndClosesItWhileALinkStillHoldsTheExecutor)
 {
     auto holder = KxIpclibTask::create();
     ASSERT_EQ(holder->init(), KxIpcStatusSuccess);
     auto held = holder->executor();  // what a link that outlives uninit keeps
 
-    // One callback runs and blocks, a second is submitted behind it; a
-    // periodic timer keeps firing.
+    // One callback runs and blocks, a second waits behind it; a timer keeps firing.
     std::mutex libraryLock;
     std::unique_lock<std::mutex> lock(libraryLock);
     Gate gate;
@@ -79,8 +68,7 @@ TEST(KxIpclibTask, UninitWaitsForEveryTaskAndClosesItWhileALinkStillHoldsTheExec
     held->submitWork(work, {}, {});
     ASSERT_TRUE(started.waitFor(1));
     ASSERT_TRUE(ticks.waitFor(1));
-    // Let the blocked callback go only once uninit has given up the lock,
-    // that is, while it waits.
+    // The blocked callback goes on only once uninit waits without the lock.
     std::thread opener([&] {
         { std::lock_guard<std::mutex> guard(libraryLock); }
         gate.open();
@@ -90,10 +78,9 @@ TEST(KxIpclibTask, UninitWaitsForEveryTaskAndClosesItWhileALinkStillHoldsTheExec
     EXPECT_TRUE(lock.owns_lock());
     EXPECT_FALSE(holder->executor());
 
-    // Both submits ran to their end before uninit returned, nothing is left
-    // registered, and no new task is taken.
+    // Both submits ran before uninit returned; nothing is left and no new task is taken.
     EXPECT_EQ(finished.value(), 2);
-    EXPECT_EQ(Inner(held).openTaskCount(), 0u);
+    EXPECT_EQ(dynamic_cast<tamsel::task::LinuxThreadPoolExecutor&>(*held).openTaskCount(), 0u);
     EXPECT_FALSE(held->createWorkTask([](void*, void*) {}));
     EXPECT_FALSE(held->createTimerTask([] {}));
     held->submitWork(work, {}, {});  // to a closed task: dropped
