@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -19,17 +20,12 @@ extern char** environ;
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env)
 {
-    std::vector<std::string> environment;
+    std::vector<std::string> environment = env, args = argv;
     for (char** e = environ; *e; ++e) {
-        const std::string entry = *e;
-        bool replaced = false;
-        for (const std::string& add : env)
-            replaced = replaced || add.compare(0, add.find('=') + 1, entry, 0, add.find('=') + 1) == 0;
-        if (!replaced)
+        const std::string entry = *e, name = entry.substr(0, entry.find('=') + 1);
+        if (std::none_of(env.begin(), env.end(), [&](const std::string& set) { return set.rfind(name, 0) == 0; }))
             environment.push_back(entry);
     }
-    environment.insert(environment.end(), env.begin(), env.end());
-    std::vector<std::string> args = argv;
     std::vector<char*> envp, argp;
     for (auto& entry : environment)
         envp.push_back(entry.data());
@@ -37,25 +33,22 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vect
         argp.push_back(arg.data());
     envp.push_back(nullptr);
     argp.push_back(nullptr);
-
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     const std::string out = m_dir.file("stdout"), err = m_dir.file("stderr");
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), envp.data()) == 0)
-        m_pid = pid;
+    if (posix_spawnp(&m_pid, argp[0], &actions, nullptr, argp.data(), envp.data()) != 0)
+        m_pid = -1;
     posix_spawn_file_actions_destroy(&actions);
 }
 
 ChildProcess::~ChildProcess()
 {
-    if (m_pid > 0) {
-        kill(m_pid, SIGKILL);
+    Kill(SIGKILL);
+    if (m_pid > 0)
         waitpid(m_pid, nullptr, 0);
-    }
 }
 
 int ChildProcess::Wait(std::chrono::milliseconds timeout)
@@ -63,22 +56,17 @@ int ChildProcess::Wait(std::chrono::milliseconds timeout)
     if (m_pid <= 0)
         return m_status;
     tolv::platform::UniqueFd exited(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
-    bool overran = false;
-    if (exited) {
-        pollfd pfd{exited.get(), POLLIN, 0};
-        int ready;
-        while ((ready = poll(&pfd, 1, static_cast<int>(timeout.count()))) < 0 && errno == EINTR) {
-        }
-        if (ready == 0) {
-            overran = true;
-            kill(m_pid, SIGKILL);
-        }
+    pollfd pfd{exited.get(), POLLIN, 0};
+    int ready = 1;  // without a pidfd, waits without a time-out
+    while (exited && (ready = poll(&pfd, 1, static_cast<int>(timeout.count()))) < 0 && errno == EINTR) {
     }
+    if (ready == 0)
+        Kill(SIGKILL);
     int status = 0;
     while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
     }
     m_pid = -1;
-    m_status = overran                ? -2000
+    m_status = ready == 0            ? -2000
                : WIFEXITED(status) ? static_cast<int8_t>(WEXITSTATUS(status))
                                    : -1000 - WTERMSIG(status);
     return m_status;

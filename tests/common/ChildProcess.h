@@ -1,7 +1,7 @@
 #pragma once
 // A program run by a test: started with posix_spawnp, its standard output and
-// error captured in files, waited for through a pidfd with a time-out (and
-// killed when it runs over), never left behind.
+// error captured in files, waited for with a time-out (and killed when it runs
+// over), never left behind.
 
 #include "common/TempDir.h"
 
@@ -16,16 +16,13 @@ public:
     // `env` entries ("NAME=value") are added to (or replace in) our environment.
     ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
     ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return m_pid; }
     // The exit code as a signed byte (so -1 reads as -1); -1000 - signal when
-    // killed by a signal; -2000 when it did not end within `timeout` (it is
-    // killed then); -3000 when it never started.
+    // killed by a signal; -2000 when it overran `timeout` (it is killed then);
+    // -3000 when it never started.
     int Wait(std::chrono::milliseconds timeout = std::chrono::minutes(2));
     void Kill(int signal);
-
     std::string Stdout() const;
     std::string Stderr() const;
 

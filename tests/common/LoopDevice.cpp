@@ -16,7 +16,8 @@
 
 namespace {
 
-int RunCommand(const std::vector<std::string>& argv, std::string& output)
+// Its exit code; what it wrote in `output`.
+int Run(const std::vector<std::string>& argv, std::string& output)
 {
     ChildProcess process(argv);
     const int code = process.Wait();
@@ -38,7 +39,7 @@ std::string LoopDevicesUnavailableReason()
     if (::access("/dev/loop-control", R_OK | W_OK) != 0)
         return "/dev/loop-control is not there or not writable";
     std::string out;
-    if (RunCommand({"mkfs.ext4", "-V"}, out) != 0)
+    if (Run({"mkfs.ext4", "-V"}, out) != 0)
         return "mkfs.ext4 (e2fsprogs) is not installed";
     static const std::string privateMounts = [] {
         if (::unshare(CLONE_NEWNS) != 0)
@@ -98,7 +99,7 @@ LoopDevice::~LoopDevice()
 bool LoopDevice::MountExt4(const std::string& directory, std::string& error)
 {
     std::string out;
-    if (RunCommand({"mkfs.ext4", "-q", "-F", m_path}, out) != 0) {
+    if (Run({"mkfs.ext4", "-q", "-F", m_path}, out) != 0) {
         error = "mkfs.ext4 failed: " + out;
         return false;
     }

@@ -1,8 +1,7 @@
 #pragma once
-// Real loop devices for tests: attach an image, make a file system, mount it.
-// The device is attached with autoclear while this object holds it open, so
-// the kernel detaches it even when the test process dies; mounts are made in
-// the test process's own mount namespace.
+// Real loop devices for tests, attached with autoclear while this object holds
+// one descriptor of it open, so that the kernel detaches it even when the test
+// process dies. Mounts are made in the test process's own mount namespace.
 
 #include "common/TempDir.h"
 
@@ -20,17 +19,14 @@ std::string LoopDevicesUnavailableReason();
 
 class LoopDevice {
 public:
-    // Attaches `image`; null with `error` set on failure.
+    // Null with `error` set on failure.
     static std::unique_ptr<LoopDevice> Attach(const std::string& image, bool readOnly, std::string& error);
     ~LoopDevice();  // lazily unmounts what is left mounted
-    LoopDevice(const LoopDevice&) = delete;
-    LoopDevice& operator=(const LoopDevice&) = delete;
 
-    const std::string& path() const { return m_path; }                           // /dev/loopN
+    const std::string& path() const { return m_path; }                      // /dev/loopN
     std::string drivePath() const { return "\\\\.\\" + m_path.substr(5); }  // \\.\loopN
     // Makes an ext4 file system and mounts it on `directory` (made here).
     bool MountExt4(const std::string& directory, std::string& error);
-    // Mount points of this device in our mount table.
     std::vector<std::string> MountPoints() const;
     // True when nobody holds the device exclusively right now.
     bool Claimable() const;
@@ -38,7 +34,7 @@ public:
 private:
     LoopDevice(std::string path, tolv::platform::UniqueFd fd) : m_path(std::move(path)), m_fd(std::move(fd)) {}
     std::string m_path;
-    tolv::platform::UniqueFd m_fd;  // one descriptor of the device held by the test itself
+    tolv::platform::UniqueFd m_fd;
 };
 
 // A test with real loop devices over pattern images in `dir`; skipped where
@@ -51,7 +47,6 @@ protected:
         if (!reason.empty())
             GTEST_SKIP() << "no loop devices: " << reason;
     }
-
     std::unique_ptr<LoopDevice> Attach(const std::string& name, size_t size, uint32_t seed, bool readOnly = false)
     {
         WritePatternFile(dir.file(name), size, seed);
@@ -60,16 +55,14 @@ protected:
         EXPECT_TRUE(device) << error;
         return device;
     }
-    // Null (the test has failed) when any step fails.
+    // Mounted on mnt(); null (the test has failed) when any step fails.
     std::unique_ptr<LoopDevice> AttachMountedExt4(const std::string& name, size_t size, uint32_t seed)
     {
         auto device = Attach(name, size, seed);
         std::string error;
-        if (device && !device->MountExt4(mnt(), error)) {
+        if (device && !device->MountExt4(mnt(), error))
             ADD_FAILURE() << "no mounted ext4: " << error;
-            return nullptr;
-        }
-        return device;
+        return error.empty() ? std::move(device) : nullptr;
     }
     std::string mnt() const { return dir.file("mnt"); }
 

@@ -1,19 +1,16 @@
 #include "common/TempDir.h"
 
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <vector>
 
-TempDir::TempDir()
+TempDir::TempDir() : m_path(std::string(getenv("TMPDIR") && *getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp"))
 {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/tolv-test-XXXXXX";
-    if (!mkdtemp(pattern.data()))
+    m_path += "/tolv-test-XXXXXX";
+    if (!mkdtemp(m_path.data()))
         throw std::runtime_error("mkdtemp failed");
-    m_path = pattern;
 }
 
 TempDir::~TempDir()
@@ -33,12 +30,10 @@ void WritePatternFile(const std::string& path, size_t size, uint32_t seed)
 {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     std::vector<char> chunk(1 << 16);
-    for (size_t done = 0; done < size;) {
-        const size_t n = std::min(chunk.size(), size - done);
-        for (size_t i = 0; i < n; ++i)
+    for (size_t done = 0; done < size; done += chunk.size()) {
+        for (size_t i = 0; i < chunk.size(); ++i)
             chunk[i] = static_cast<char>(PatternByte(done + i, seed));
-        out.write(chunk.data(), static_cast<std::streamsize>(n));
-        done += n;
+        out.write(chunk.data(), static_cast<std::streamsize>(std::min(chunk.size(), size - done)));
     }
     if (!out)
         throw std::runtime_error("writing " + path + " failed");

@@ -12,12 +12,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+using testing::HasSubstr;
+using testing::Not;
 
 inline constexpr const char* kEndpoint = "6e0c8a5e1f3b4d2a9c7e0b1d2f3a4b5c";
 

@@ -2,11 +2,10 @@
 // stream, the words of a failure, the numbers it takes, mounted devices,
 // progress and interrupts. Real programs, real files and loop devices.
 
+#include "common/ProcessProbe.h"
 #include "common/WorkerInstallation.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/inotify.h>
 
 #include <nlohmann/json.hpp>
 
@@ -14,6 +13,8 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
+
+using namespace std::string_literals;
 
 TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
 {
@@ -35,17 +36,15 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
         const auto run = install.Peer({"query", "E", c.first});
         EXPECT_EQ(run.code, 1) << c.first;
         EXPECT_EQ(run.out, "") << c.first;
-        EXPECT_NE(run.err.find("drive E: " + c.first + ": " + c.second +
-                               " (query failed: STATUS_UNSUCCESSFUL (0xC0000001)"),
-                  std::string::npos)
-            << run.err;
+        EXPECT_THAT(run.err, HasSubstr("drive E: " + c.first + ": " + c.second +
+                                       " (query failed: STATUS_UNSUCCESSFUL (0xC0000001)"));
         // The worker's own log file, which gives the errno of the open.
         const std::string key = "the worker's log: ";
         const size_t at = run.err.find(key);
         ASSERT_NE(at, std::string::npos) << run.err;
         const std::string log = run.err.substr(at + key.size(), run.err.find('\n', at) - at - key.size());
         EXPECT_EQ(log.rfind(install.file("tmp/corvanta-" + std::to_string(geteuid()) + "/"), 0), 0u) << run.err;
-        EXPECT_NE(ReadFile(log).find("Openning " + c.first + " failed with errno "), std::string::npos) << log;
+        EXPECT_THAT(ReadFile(log), HasSubstr("Openning " + c.first + " failed with errno "));
     }
 }
 
@@ -60,8 +59,8 @@ TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadToIt)
     ASSERT_EQ(run.code, 0) << run.err;
     EXPECT_TRUE(run.out == ReadFile(data).substr(1024, 8192) + ReadFile(data).substr(10, 7)) << run.out.size();
     // The status went to standard error instead.
-    EXPECT_NE(run.err.find("drive E: " + data + ": 100000 bytes, writable"), std::string::npos) << run.err;
-    EXPECT_NE(run.err.find("drive E: released"), std::string::npos) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("drive E: " + data + ": 100000 bytes, writable"));
+    EXPECT_THAT(run.err, HasSubstr("drive E: released"));
 }
 
 TEST(PeerTool, NumbersItRefusesEndTheRunBeforeAnyWorker)
@@ -72,7 +71,7 @@ TEST(PeerTool, NumbersItRefusesEndTheRunBeforeAnyWorker)
     for (const char* number : {"08x", "1KB", "1.5M", "0x", "-1", "18446744073709551616", "16E", "16Ei"}) {
         const auto run = install.Peer({"query", "E", data, "read", "E", number, "16", install.file("out")});
         EXPECT_EQ(run.code, 2) << number;
-        EXPECT_NE(run.err.find("usage: veltrane-protocol.exe"), std::string::npos) << number << run.err;
+        EXPECT_THAT(run.err, HasSubstr("usage: veltrane-protocol.exe"));
         EXPECT_EQ(install.WorkerLog(), "") << number;
     }
     EXPECT_EQ(install.Peer({"--json", "query", "E", data, "read", "E", "0", "1", "-"}).code, 2);
@@ -128,34 +127,25 @@ TEST(PeerTool, ProgressOfTheCopyAndOfTheCheckWhenAskedFor)
     ASSERT_EQ(shown.code, 0) << shown.err;
     const std::regex done(R"(copy-out 100% 3\.0 MiB of 3\.0 MiB, [0-9.]+ [KMGT]?i?B/s, in \d+:\d\d)");
     EXPECT_TRUE(std::regex_search(shown.err, done)) << shown.err;
-    EXPECT_NE(shown.err.find("check 100% 3.0 MiB of 3.0 MiB"), std::string::npos) << shown.err;
+    EXPECT_THAT(shown.err, HasSubstr("check 100% 3.0 MiB of 3.0 MiB"));
     // Standard error is a file here, so by default nothing is shown.
     const auto quiet = install.Peer({"copy-in", install.file("image.bin"), data});
     ASSERT_EQ(quiet.code, 0) << quiet.err;
-    EXPECT_EQ(quiet.err.find('%'), std::string::npos) << quiet.err;
+    EXPECT_THAT(quiet.err, Not(HasSubstr("%")));
 }
 
-namespace {
-
-// Waits (event-driven, up to a minute) until `name` is created in the watched folder.
-bool WaitForCreate(int inotify, const std::string& name)
+TEST(PeerTool, AWorkerThatExitsWithAnErrorFailsTheRun)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    alignas(inotify_event) char buffer[4096];
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd pfd{inotify, POLLIN, 0};
-        const ssize_t n = poll(&pfd, 1, 1000) > 0 ? read(inotify, buffer, sizeof buffer) : 0;
-        for (ssize_t at = 0; at < n;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
-            if (event->len > 0 && name == event->name)
-                return true;
-            at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-        }
-    }
-    return false;
+    Installation install;
+    // The real worker, whose exit code a wrapper replaces.
+    const std::string wrapper = install.file("bin/failing-worker");
+    std::ofstream(wrapper) << "#!/bin/sh\n\"${0%/*}/tolvClientWorker\" \"$@\"\nexit 3\n";
+    ASSERT_EQ(chmod(wrapper.c_str(), 0755), 0);
+    WritePatternFile(install.file("data.bin"), 4096);
+    const auto run = install.Peer({"--worker", wrapper, "query", "E", install.file("data.bin"), "release", "E"});
+    EXPECT_EQ(run.code, 4) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("the worker exited with 3"));
 }
-
-} // namespace
 
 TEST(PeerTool, AnInterruptReleasesTheWorkerAndRemovesThePartialImage)
 {
@@ -167,26 +157,18 @@ TEST(PeerTool, AnInterruptReleasesTheWorkerAndRemovesThePartialImage)
         const std::string source = install.file("source.bin");
         std::ofstream{source};
         ASSERT_EQ(truncate(source.c_str(), off_t{16} << 30), 0);
-        tolv::platform::UniqueFd inotify(inotify_init1(IN_CLOEXEC));
-        ASSERT_GE(inotify_add_watch(inotify.get(), install.dir.path().c_str(), IN_CREATE), 0);
-        std::vector<std::string> args = {install.peer(), "--timeout", "60", "copy-out", source,
-                                         install.file("image.bin")};
-        if (keep)
-            args.insert(args.begin() + 1, "--keep-partial");
-        auto peer = install.Start(args);
-        ASSERT_TRUE(WaitForCreate(inotify.get(), "image.bin")) << peer->Stderr();
+        auto peer = install.Start({install.peer(), keep ? "--keep-partial" : "--no-progress", "--timeout", "60",
+                                   "copy-out", source, install.file("image.bin")});
+        ASSERT_TRUE(WaitUntil([&] { return access(install.file("image.bin").c_str(), F_OK) == 0; }));
         peer->Kill(signal);
         EXPECT_EQ(peer->Wait(), static_cast<int8_t>(128 + signal)) << peer->Stderr();  // read back as a signed byte
         const std::string err = peer->Stderr();
-        EXPECT_NE(err.find(std::string("interrupted by SIG") + sigabbrev_np(signal) + "; the worker was released"),
-                  std::string::npos)
-            << err;
+        EXPECT_THAT(err, HasSubstr("interrupted by SIG"s + sigabbrev_np(signal) + "; the worker was released"));
         EXPECT_EQ(access(install.file("image.bin").c_str(), F_OK) == 0, keep) << err;
-        EXPECT_NE(err.find(keep ? "kept the partial output" : "removed the partial output"), std::string::npos)
-            << err;
+        EXPECT_THAT(err, HasSubstr(keep ? "kept the partial output" : "removed the partial output"));
         // The worker went down of itself, its log closed, not killed.
-        EXPECT_EQ(err.find("killing"), std::string::npos) << err;
-        EXPECT_NE(install.WorkerLog().find("*** LOG FILE COMPLETE ***"), std::string::npos);
+        EXPECT_THAT(err, Not(HasSubstr("killing")));
+        EXPECT_THAT(install.WorkerLog(), HasSubstr("*** LOG FILE COMPLETE ***"));
     }
 }
 
@@ -227,15 +209,15 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
                              {"query", "E", device->path(), "write", "E", "0", patch}}) {
         const auto run = install.Peer(args);
         EXPECT_EQ(run.code, 5) << run.err;
-        EXPECT_NE(run.err.find(device->path() + " is mounted on " + mnt()), std::string::npos) << run.err;
-        EXPECT_NE(run.err.find("--force"), std::string::npos) << run.err;
+        EXPECT_THAT(run.err, HasSubstr(device->path() + " is mounted on " + mnt()));
+        EXPECT_THAT(run.err, HasSubstr("--force"));
     }
     EXPECT_TRUE(ReadFile(dir.file("disk.img")) == before) << "written without --force";
     EXPECT_EQ(device->MountPoints(), std::vector<std::string>{mnt()});
 
     const auto copy = install.Peer({"copy-out", device->path(), dir.file("out.img")});
     EXPECT_EQ(copy.code, 0) << copy.err;
-    EXPECT_NE(copy.err.find("the image may be of a live file system"), std::string::npos) << copy.err;
+    EXPECT_THAT(copy.err, HasSubstr("the image may be of a live file system"));
 
     // Into the free blocks of the last group: the middle of the device holds
     // the journal, which the mounted file system may write again after us.

@@ -44,21 +44,14 @@ TEST(UniqueFd, ClosesOnceAndMovesOwnership)
 
 TEST(NtStatus, MapsErrnoAsDocumented)
 {
-    EXPECT_EQ(NtStatusFromErrno(EBADF), 0xC0000008u);
-    EXPECT_EQ(NtStatusFromErrno(EINVAL), 0xC000000Du);
-    EXPECT_EQ(NtStatusFromErrno(EIO), 0xC0000185u);
-    EXPECT_EQ(NtStatusFromErrno(ENOSPC), 0xC000007Fu);
-    EXPECT_EQ(NtStatusFromErrno(EROFS), 0xC00000A2u);
+    const std::pair<int, uint32_t> rows[] = {
+        {EBADF, 0xC0000008},  {EINVAL, 0xC000000D},    {EIO, 0xC0000185},   {ENOSPC, 0xC000007F},
+        {EROFS, 0xC00000A2},  {EPERM, 0xC0000001},     {EACCES, 0xC0000022}, {ENOMEM, 0xC000009A},
+        {EFBIG, 0xC0000904},  {ENXIO, 0xC000000E},     {ENODEV, 0xC000000E}, {ENOMEDIUM, 0xC0000013},
+        {EBUSY, 0xC0000043},  {ENOENT, 0xC0000001}};
+    for (const auto& row : rows)
+        EXPECT_EQ(NtStatusFromErrno(row.first), row.second) << "errno " << row.first;
     EXPECT_EQ(NtStatusFromErrno(EPERM, IoDirection::Write), 0xC00000A2u);
-    EXPECT_EQ(NtStatusFromErrno(EPERM), 0xC0000001u);
-    EXPECT_EQ(NtStatusFromErrno(EACCES), 0xC0000022u);
-    EXPECT_EQ(NtStatusFromErrno(ENOMEM), 0xC000009Au);
-    EXPECT_EQ(NtStatusFromErrno(EFBIG), 0xC0000904u);
-    EXPECT_EQ(NtStatusFromErrno(ENXIO), 0xC000000Eu);
-    EXPECT_EQ(NtStatusFromErrno(ENODEV), 0xC000000Eu);
-    EXPECT_EQ(NtStatusFromErrno(ENOMEDIUM), 0xC0000013u);
-    EXPECT_EQ(NtStatusFromErrno(EBUSY), 0xC0000043u);
-    EXPECT_EQ(NtStatusFromErrno(ENOENT), 0xC0000001u);
     EXPECT_TRUE(NtSuccess(STATUS_PENDING));
     EXPECT_FALSE(NtSuccess(STATUS_END_OF_FILE));
 }

@@ -6,6 +6,7 @@
 #include <tolv/worker/DriveRequests.h>
 #include "worker/StorageDrives.h"
 
+#include "common/TempDir.h"
 #include "platform/LittleEndian.h"
 #include "platform/Utf.h"
 
@@ -13,12 +14,9 @@
 
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 using namespace tolv::worker;
 using tolv::platform::LoadLe;
-using tolv::platform::StoreLe;
 
 struct ServiceReply {
     bool result = false;
@@ -32,9 +30,8 @@ struct ServiceReply {
         EXPECT_GE(raw.size(), DR_RSP_HEADER_SIZE + 4);
         if (raw.size() < DR_RSP_HEADER_SIZE + 4)
             return {};
-        const size_t count = raw.size() - DR_RSP_HEADER_SIZE - 4;
-        EXPECT_EQ(LoadLe<uint32_t>(raw.data() + DR_RSP_HEADER_SIZE), count);
-        EXPECT_EQ(header.information, count);
+        EXPECT_EQ(LoadLe<uint32_t>(raw.data() + DR_RSP_HEADER_SIZE), raw.size() - DR_RSP_HEADER_SIZE - 4);
+        EXPECT_EQ(header.information, raw.size() - DR_RSP_HEADER_SIZE - 4);
         return std::vector<uint8_t>(raw.begin() + DR_RSP_HEADER_SIZE + 4, raw.end());
     }
 };
@@ -52,26 +49,26 @@ inline ServiceReply CallService(StorageDrivesInterface& service, const std::vect
     reply.result = service.HandleRequest(size == 0 ? nullptr : exact.get(), static_cast<uint32_t>(size), &response,
                                          &responseSize, &context);
     EXPECT_EQ(static_cast<void*>(response), context);
+    reply.present = response != nullptr;
     if (response) {
-        reply.present = true;
         reply.raw.assign(response, response + responseSize);
         EXPECT_TRUE(DecodeResponseHeader(response, responseSize, reply.header));
         EXPECT_EQ(responseSize, DR_RSP_HEADER_SIZE + reply.header.payloadLength);
         // Reserved bytes of the header are zero.
         EXPECT_EQ(LoadLe<uint32_t>(response + 12), 0u);
         EXPECT_EQ(LoadLe<uint32_t>(response + 28), 0u);
-    } else {
-        EXPECT_EQ(responseSize, 0u);
     }
+    EXPECT_EQ(responseSize, reply.raw.size());
     service.FreeResponse(context);
     return reply;
 }
 
-inline std::vector<uint8_t> Pattern(size_t size, uint8_t seed)
+// The bytes WritePatternFile puts at [offset, offset + length).
+inline std::vector<uint8_t> PatternBytes(uint64_t offset, size_t length, uint32_t seed = 1)
 {
-    std::vector<uint8_t> out(size);
-    for (size_t i = 0; i < size; ++i)
-        out[i] = static_cast<uint8_t>(i * 7 + seed + (i >> 8));
+    std::vector<uint8_t> out(length);
+    for (size_t i = 0; i < length; ++i)
+        out[i] = PatternByte(offset + i, seed);
     return out;
 }
 
@@ -80,22 +77,19 @@ inline std::u16string Wide(const std::string& path)
     return *tolv::platform::Utf8ToUtf16(path);
 }
 
-// The whole reply to a successful query (64 bytes), laid out by hand, not by
-// the encoder under test.
-inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly, uint32_t mediaType,
-                                            uint32_t heads, uint32_t sectorsPerTrack, uint32_t bytesPerSector,
-                                            uint32_t status = 0, uint64_t information = 0)
+// The whole reply to a successful query of a fixed disk of 255 heads, 63
+// sectors a track and 512-byte sectors, laid out by hand, not by the encoder
+// under test.
+inline std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly)
 {
     std::vector<uint8_t> bytes(64, 0);
-    StoreLe<uint64_t>(&bytes[0], ioContext);
-    StoreLe<uint32_t>(&bytes[8], status);
-    StoreLe<uint64_t>(&bytes[16], information);
+    tolv::platform::StoreLe<uint64_t>(&bytes[0], ioContext);
     bytes[24] = 32;  // payloadLength
-    StoreLe<uint64_t>(&bytes[32], diskSize);
+    tolv::platform::StoreLe<uint64_t>(&bytes[32], diskSize);
     bytes[40] = readOnly;
-    StoreLe<uint32_t>(&bytes[44], mediaType);
-    StoreLe<uint32_t>(&bytes[48], heads);
-    StoreLe<uint32_t>(&bytes[52], sectorsPerTrack);
-    StoreLe<uint32_t>(&bytes[56], bytesPerSector);
+    bytes[44] = MEDIA_TYPE_FIXED;
+    bytes[48] = 255;
+    bytes[52] = 63;
+    bytes[57] = 2;  // 512
     return bytes;
 }

@@ -5,25 +5,21 @@
 #include "common/ProcessProbe.h"
 #include "common/WorkerInstallation.h"
 
-#include <tamsel/ipc/ipclib.h>
 #include <tamsel/ipc/ipclibClient.h>
-#include <tamsel/ipc/ipclibListener.h>
 #include "corvantabase/Uuid.h"
 #include "support/ProcessUtils.h"
 
 #include <fcntl.h>
+#include <isa-l/crc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-#include <isa-l/crc.h>
-
 #include <csignal>
-#include <cstdio>
 #include <fstream>
 #include <random>
 
 using namespace std::string_literals;
+using testing::Each;
 
 namespace {
 
@@ -38,15 +34,14 @@ uint64_t WriteSparseFile(const std::string& path, uint64_t size,
     EXPECT_EQ(ftruncate(fd.get(), static_cast<off_t>(size)), 0);
     std::mt19937 random(seed);
     uint64_t blocks = 0;
-    for (const auto& piece : pieces) {
-        std::string bytes(piece.second, '\0');
+    for (const auto& [offset, length] : pieces) {
+        std::string bytes(length, '\0');
         for (char& byte : bytes)
             byte = static_cast<char>(random());
         bytes.front() = static_cast<char>(bytes.front() | 1);
         bytes.back() = static_cast<char>(bytes.back() | 0x80);
-        EXPECT_EQ(pwrite(fd.get(), bytes.data(), bytes.size(), static_cast<off_t>(piece.first)),
-                  static_cast<ssize_t>(bytes.size()));
-        blocks += (piece.first + piece.second + 4095) / 4096 - piece.first / 4096;
+        EXPECT_EQ(pwrite(fd.get(), bytes.data(), length, static_cast<off_t>(offset)), static_cast<ssize_t>(length));
+        blocks += (offset + length + 4095) / 4096 - offset / 4096;
     }
     return blocks * 4096;
 }
@@ -57,6 +52,7 @@ uint64_t AllocatedBytes(const std::string& path)
     return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : UINT64_MAX;
 }
 
+// What the device holds, read past the worker.
 std::string DeviceBytes(const LoopDevice& device, size_t size)
 {
     std::string bytes(size, '\0');
@@ -65,16 +61,16 @@ std::string DeviceBytes(const LoopDevice& device, size_t size)
     return bytes;
 }
 
-// A peer reading all of `device` into a FIFO that the test reads from: it is
+// A peer on `endpoint` reading `path` into a FIFO that the test reads from:
 // held, with requests in flight, for as long as the test does not read.
 struct HeldRead {
-    HeldRead(const Installation& install, const LoopDevice& device, size_t size, const std::string& fifo)
+    HeldRead(const Installation& install, const std::string& path, size_t size, const std::string& fifo,
+             const std::string& endpoint = kEndpoint)
     {
         EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-        peer = install.Start({install.peer(), "--endpoint", kEndpoint, "query", "E", device.drivePath(), "read",
-                              "E", "0", std::to_string(size), fifo});
+        peer = install.Start({install.peer(), "--endpoint", endpoint, "query", "E", path, "read", "E", "0",
+                              std::to_string(size), fifo});
         reader.reset(::open(fifo.c_str(), O_RDONLY | O_CLOEXEC));
-        EXPECT_TRUE(reader.valid());
     }
     std::string Read(size_t most = SIZE_MAX)
     {
@@ -99,15 +95,13 @@ TEST(WorkerProcess, BadArgumentsEndWithMinusOneAndTheUsageBeforeAnyIpc)
                              {install.worker(), "not-a-guid"}}) {
         auto worker = install.Start(args);
         EXPECT_EQ(worker->Wait(), -1) << args.size();
-        EXPECT_NE(worker->Stderr().find("usage: tolvClientWorker ENDPOINT-GUID"), std::string::npos)
-            << worker->Stderr();
+        EXPECT_THAT(worker->Stderr(), HasSubstr("usage: tolvClientWorker ENDPOINT-GUID"));
     }
     const std::string log = install.WorkerLog();
-    EXPECT_NE(log.find("Unexpected args."), std::string::npos) << log;
-    EXPECT_NE(log.find("Unexpected ipc Endpoint: not-a-guid."), std::string::npos) << log;
-    // Nothing listened: no endpoint socket was ever made.
-    EXPECT_EQ(ReadAllFiles(install.file("run")), "");
-    EXPECT_EQ(log.find("Listening on the endpoint"), std::string::npos);
+    EXPECT_THAT(log, HasSubstr("Unexpected args."));
+    EXPECT_THAT(log, HasSubstr("Unexpected ipc Endpoint: not-a-guid."));
+    EXPECT_THAT(log, Not(HasSubstr("Listening on the endpoint")));
+    EXPECT_EQ(ReadAllFiles(install.file("run")), "");  // no endpoint socket was ever made
 }
 
 TEST(WorkerProcess, QuitsWithZeroWhenNobodyConnectsWithinFiveSeconds)
@@ -117,7 +111,7 @@ TEST(WorkerProcess, QuitsWithZeroWhenNobodyConnectsWithinFiveSeconds)
     const std::string log = install.WorkerLog();
     for (const std::string& line : {"Listening on the endpoint "s + kEndpoint + ".", "Check the conneciton count: 0."s,
                                     "Quit for there are no connections."s, "*** LOG FILE COMPLETE ***"s})
-        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+        EXPECT_THAT(log, HasSubstr(line));
     // The start-up block: the worker's version record and file time, the
     // session it runs in (this test's), and the system.
     const std::string version = ProcessUtils::GetModuleVersionText(install.worker());
@@ -127,7 +121,7 @@ TEST(WorkerProcess, QuitsWithZeroWhenNobodyConnectsWithinFiveSeconds)
     const size_t block = log.find("tolvClientWorker: " + version + ", buildtype=");
     ASSERT_NE(block, std::string::npos) << log;
     EXPECT_EQ(log.substr(log.find("/x64", block), 16 + session.size()), "/x64, sessionId=" + session) << log;
-    EXPECT_NE(log.find("OS Version: " + ProcessUtils::GetOSVersionText()), std::string::npos) << log;
+    EXPECT_THAT(log, HasSubstr("OS Version: " + ProcessUtils::GetOSVersionText()));
 }
 
 TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
@@ -143,21 +137,20 @@ TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
 
     // One worker serves all four attempts; the admitted one ends it.
     auto worker = install.StartWorker();
-    auto run = install.Peer({"--endpoint", kEndpoint, "query", "E", data}, stranger);
-    EXPECT_EQ(run.code, 3) << run.err;
-    EXPECT_NE(run.err.find("AccessDenied"), std::string::npos) << run.err;
-    EXPECT_EQ(install.Peer({"--endpoint", kEndpoint, "query", "E", data}, otherCase).code, 3);
+    const std::vector<std::string> query = {"--endpoint", kEndpoint, "query", "E", data};
+    auto run = install.Peer(query, stranger);
+    EXPECT_EQ(run.code, 3);
+    EXPECT_THAT(run.err, HasSubstr("AccessDenied"));
+    EXPECT_EQ(install.Peer(query, otherCase).code, 3);
     EXPECT_EQ(install.Peer({"--endpoint", kEndpoint, "--stream", "tolvcommands", "query", "E", data}).code, 3);
     run = install.Peer({"--endpoint", kEndpoint, "query", "E", data, "release", "E"});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "drive E: " + data + ": 4096 bytes, writable, a regular file (no geometry)\n");
     EXPECT_EQ(worker->Wait(), 0);
-
-    const std::string log = install.WorkerLog();
     for (const std::string& line : {"The connection from (" + stranger + ")", "The connection from (" + otherCase + ")",
                                     "Unknown connection (tolvcommands) from (pid: "s, "New connection from (pid: "s,
                                     "All channels are down."s})
-        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+        EXPECT_THAT(install.WorkerLog(), HasSubstr(line));
 }
 
 TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExactAndFailuresNameTheStatus)
@@ -174,24 +167,22 @@ TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExactAndFailuresNameTheStatus)
                              "E", "777", patch, "read", "E", "0", "0x7fffffff", install.file("all.bin"), "release",
                              "E", "copy-out", data, install.file("image.bin")});
     ASSERT_EQ(run.code, 0) << run.err;
-    // The write landed at its offset and nowhere else.
+    EXPECT_THAT(run.err, HasSubstr("checksum crc32"));
+    // The write landed at its offset and nowhere else; a range past the end
+    // is clipped at the size the query recorded.
     const std::string expected = std::string(before).replace(777, 100000, ReadFile(patch));
     EXPECT_TRUE(ReadFile(data) == expected);
     EXPECT_TRUE(ReadFile(install.file("range.bin")) == before.substr(1000, 3000000));
-    // A range past the end is clipped at the size the query recorded.
     EXPECT_TRUE(ReadFile(install.file("all.bin")) == expected);
     EXPECT_TRUE(SameBytes(install.file("image.bin"), data));
-    EXPECT_NE(run.err.find("checksum crc32"), std::string::npos) << run.err;
-
     // And back: an image copied onto a file of the same size.
-    const std::string image = install.file("image2.bin");
-    WritePatternFile(image, size, 11);
-    ASSERT_EQ(install.Peer({"copy-in", image, data}).code, 0);
-    EXPECT_TRUE(SameBytes(image, data));
+    WritePatternFile(install.file("image2.bin"), size, 11);
+    ASSERT_EQ(install.Peer({"copy-in", install.file("image2.bin"), data}).code, 0);
+    EXPECT_TRUE(SameBytes(install.file("image2.bin"), data));
 
     run = install.Peer({"query", "E", data, "read", "E", std::to_string(size), "10", install.file("x")});
     EXPECT_EQ(run.code, 1);
-    EXPECT_NE(run.err.find("STATUS_END_OF_FILE"), std::string::npos) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("STATUS_END_OF_FILE"));
     EXPECT_EQ(install.Peer({"read", "Q", "0", "10", install.file("x")}).code, 1);
 }
 
@@ -236,53 +227,41 @@ TEST(WorkerDrives, KernelInterfaceFilesAreRefusedAndTheWorkerKeepsServing)
     // The first of these that is there, or better the first writable one: a
     // sysfs file that opens for writing reaches the file-system check; a
     // read-only one is refused by the open already.
-    std::string sysFile;
+    std::string sys;
     for (const char* candidate : {"/sys/kernel/mm/transparent_hugepage/enabled", "/sys/kernel/profiling",
-                                  "/sys/power/state", "/sys/kernel/uevent_seqnum"}) {
+                                  "/sys/power/state", "/sys/kernel/uevent_seqnum", "/proc/self/stat"}) {
         struct stat st {};
-        const bool better = sysFile.empty() || (access(sysFile.c_str(), W_OK) != 0 && access(candidate, W_OK) == 0);
+        const bool better = sys.empty() || (access(sys.c_str(), W_OK) != 0 && access(candidate, W_OK) == 0);
         if (stat(candidate, &st) == 0 && S_ISREG(st.st_mode) && better)
-            sysFile = candidate;
+            sys = candidate;
     }
-    const bool sysWritable = !sysFile.empty() && access(sysFile.c_str(), W_OK) == 0;
     Installation install;
     ASSERT_TRUE(CopyExecutable(TOLV_PROBE_PEER_PATH, install.peer()));
     const std::string data = install.file("data.bin");
     WritePatternFile(data, 8192, 5);
     const std::string bytes = ReadFile(data);
-    char expected[96];
-    std::snprintf(expected, sizeof expected, "read E 0 8192 status 0x00000000 bytes 8192 crc 0x%08x\n",
+    char read[96];
+    std::snprintf(read, sizeof read, "read E 0 8192 status 0x00000000 bytes 8192 crc 0x%08x\n",
                   crc32_gzip_refl(0, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
 
-    std::vector<std::string> args{install.peer(), kEndpoint, "query:M:/proc/self/mem", "read:M:0:16",
-                                  "query:S:/proc/self/status"};
-    if (!sysFile.empty())
-        args.push_back("query:Y:" + sysFile);
-    for (const std::string& step : {"query:E:" + data, "read:E:0:8192"s, "release:E"s})
-        args.push_back(step);
     auto worker = install.StartWorker();
-    auto peer = install.Start(args);
+    auto peer = install.Start({install.peer(), kEndpoint, "query:M:/proc/self/mem", "read:M:0:16",
+                               "query:S:/proc/self/status", "query:Y:" + sys,
+                               "query:E:" + data, "read:E:0:8192", "release:E"});
     ASSERT_EQ(peer->Wait(), 0) << peer->Stdout() << peer->Stderr();
     EXPECT_EQ(worker->Wait(), 0);
-
-    const std::string out = peer->Stdout();
-    std::vector<std::string> lines = {"query M /proc/self/mem status 0xc0000001 size 0\n",
-                                      "read M 0 16 status 0xc0000008 bytes 0",  // nothing was recorded for M
-                                      "query S /proc/self/status status 0xc0000001 size 0\n",
-                                      "query E " + data + " status 0x00000000 size 8192\n", expected};
-    if (!sysFile.empty())
-        lines.push_back("query Y " + sysFile + " status 0xc0000001 size 0\n");
-    for (const std::string& line : lines)
-        EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
+    for (const std::string& line : {"query M /proc/self/mem status 0xc0000001 size 0\n"s,
+                                    "read M 0 16 status 0xc0000008 bytes 0"s,  // nothing was recorded for M
+                                    "query S /proc/self/status status 0xc0000001 size 0\n"s,
+                                    "query Y " + sys + " status 0xc0000001 size 0\n",
+                                    "query E " + data + " status 0x00000000 size 8192\n", std::string(read)})
+        EXPECT_THAT(peer->Stdout(), HasSubstr(line));
 
     const std::string log = install.WorkerLog();
-    EXPECT_NE(log.find("/proc/self/mem is a file of a proc file system (type 0x9fa0), not storage; refused."),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."), std::string::npos)
-        << log;
-    if (sysWritable) {
-        EXPECT_NE(log.find(sysFile + " is a file of a sysfs file system"), std::string::npos) << log;
+    EXPECT_THAT(log, HasSubstr("/proc/self/mem is a file of a proc file system (type 0x9fa0), not storage; refused."));
+    EXPECT_THAT(log, HasSubstr("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."));
+    if (sys.rfind("/sys/", 0) == 0 && access(sys.c_str(), W_OK) == 0) {
+        EXPECT_THAT(log, HasSubstr(sys + " is a file of a sysfs file system"));
     }
 }
 
@@ -290,80 +269,57 @@ TEST(WorkerDrives, KernelInterfaceFilesAreRefusedAndTheWorkerKeepsServing)
 // clears those whose server is gone, and leaves a live server's alone.
 TEST(WorkerProcess, AStartingWorkerClearsTheEndpointsOfKilledWorkersOnly)
 {
-    using namespace tamsel::ipc;
     Installation install;
-    // This process's own server and waits use the installation's runtime folder.
-    setenv("IPCLIB_RUNTIME_DIR", install.file("run").c_str(), 1);
+    setenv("IPCLIB_RUNTIME_DIR", install.file("run").c_str(), 1);  // where the waits below look
     const auto ready = [](const std::string& packed) {
         _GUID guid{};
         return UUID_ConvertPackedToBin(&guid, packed.c_str()) &&
-               KxIpclibWaitForReady(guid, std::chrono::seconds(60)) == KxIpcStatusSuccess;
+               tamsel::ipc::KxIpclibWaitForReady(guid, std::chrono::seconds(60)) == KxIpcStatusSuccess;
     };
-    // The socket and the ready file of an endpoint, named by its GUID's text.
-    const auto files = [&](const std::string& packed) {
-        const std::string name = packed.substr(0, 8) + "-" + packed.substr(8, 4) + "-" + packed.substr(12, 4) + "-" +
-                                  packed.substr(16, 4) + "-" + packed.substr(20);
-        return std::make_pair(install.file("run/" + name), install.file("run/ipclibLinkReady(" + name + ")"));
+    // An endpoint's socket and ready file are named after its GUID's text.
+    const auto name = [](const std::string& packed) {
+        return packed.substr(0, 8) + "-" + packed.substr(8, 4) + "-" + packed.substr(12, 4) + "-" +
+               packed.substr(16, 4) + "-" + packed.substr(20);
     };
     const auto inodes = [&](const std::string& packed) {
-        struct stat socket {}, readyFile {};
-        const auto [socketPath, readyPath] = files(packed);
-        return std::make_pair(lstat(socketPath.c_str(), &socket) == 0 ? socket.st_ino : 0,
-                              lstat(readyPath.c_str(), &readyFile) == 0 ? readyFile.st_ino : 0);
+        std::vector<ino_t> found;
+        for (const std::string& file : {name(packed), "ipclibLinkReady(" + name(packed) + ")"}) {
+            struct stat st {};
+            found.push_back(lstat(install.file("run/" + file).c_str(), &st) == 0 ? st.st_ino : 0);
+        }
+        return found;
     };
-    const std::pair<ino_t, ino_t> gone{0, 0};
-
+    // Live at once, so that no start clears another's; the live one is kept
+    // from quitting by a peer held mid-read.
     const std::vector<std::string> killed = {"a1b2c3d4e5f60718293a4b5c6d7e8f90", "0f1e2d3c4b5a69788796a5b4c3d2e1f0"};
-    // Both live at once, so that neither start clears the other's.
-    std::vector<std::unique_ptr<ChildProcess>> victims;
-    for (const std::string& endpoint : killed) {
-        victims.push_back(install.StartWorker(endpoint));
+    const std::string live = "5d4c3b2a1f0e4d3c8b7a695847362514";
+    std::vector<std::unique_ptr<ChildProcess>> workers;
+    for (const std::string& endpoint : {killed[0], killed[1], live}) {
+        workers.push_back(install.StartWorker(endpoint));
         ASSERT_TRUE(ready(endpoint));
     }
+    WritePatternFile(install.file("data.bin"), 16u << 20);
+    HeldRead held(install, install.file("data.bin"), 16u << 20, install.file("fifo"), live);
+    EXPECT_EQ(held.Read(4096).size(), 4096u);
     for (size_t i = 0; i < killed.size(); ++i) {
-        victims[i]->Kill(SIGKILL);
-        EXPECT_LE(victims[i]->Wait(), -1000);
-        ASSERT_NE(inodes(killed[i]).first, 0u) << killed[i];
-        ASSERT_NE(inodes(killed[i]).second, 0u) << killed[i];
+        workers[i]->Kill(SIGKILL);
+        EXPECT_LE(workers[i]->Wait(), -1000);
+        ASSERT_THAT(inodes(killed[i]), Each(testing::Ne(0u)));
     }
-
-    // A live server in this process, on an endpoint of the same folder.
-    const std::string live = "5d4c3b2a1f0e4d3c8b7a695847362514";
-    _GUID liveGuid{};
-    ASSERT_TRUE(UUID_ConvertPackedToBin(&liveGuid, live.c_str()));
-    auto lib = std::make_shared<KxIpclib>();
-    ASSERT_EQ(lib->init(0), KxIpcStatusSuccess);
-    auto listener = lib->listen(liveGuid, Flags<KxIpclibListenerFlag>(uint32_t{8}),
-                                [](std::shared_ptr<KxIpclibStream> stream) { stream->reject(KxIpcStatusAccessDenied); },
-                                nullptr);
-    ASSERT_TRUE(listener);
-    ASSERT_EQ((*listener)->accepting(), KxIpcStatusSuccess);
     const auto liveInodes = inodes(live);
-    ASSERT_NE(liveInodes.first, 0u);
-    ASSERT_NE(liveInodes.second, 0u);
-
+    ASSERT_THAT(liveInodes, Each(testing::Ne(0u)));
     auto worker = install.StartWorker();
     ASSERT_TRUE(ready(kEndpoint));
     for (const std::string& endpoint : killed)
-        EXPECT_EQ(inodes(endpoint), gone) << endpoint;
+        EXPECT_THAT(inodes(endpoint), Each(0u)) << endpoint;
     EXPECT_EQ(inodes(live), liveInodes);
-
-    const std::string data = install.file("data.bin");
-    WritePatternFile(data, 4096);
-    EXPECT_EQ(install.Peer({"--endpoint", kEndpoint, "query", "E", data, "release", "E"}).code, 0);
+    EXPECT_EQ(install.Peer({"--endpoint", kEndpoint, "query", "E", install.file("data.bin"), "release", "E"}).code, 0);
     EXPECT_EQ(worker->Wait(), 0);
     const std::string log = install.WorkerLog();
-    for (const std::string& endpoint : killed) {
-        const std::string name = files(endpoint).first.substr(install.file("run/").size());
-        EXPECT_NE(log.find("Removed the socket and ready file of endpoint " + name + ", whose server is gone."),
-                  std::string::npos)
-            << log;
-    }
-    EXPECT_EQ(log.find("endpoint " + files(live).first.substr(install.file("run/").size()) + ", whose"),
-              std::string::npos)
-        << log;
-    (*listener)->close();
-    lib->uninit();
+    for (const std::string& endpoint : killed)
+        EXPECT_THAT(log, HasSubstr("Removed the socket and ready file of endpoint " + name(endpoint) +
+                                   ", whose server is gone."));
+    EXPECT_THAT(log, Not(HasSubstr("endpoint " + name(live) + ", whose")));
 }
 
 TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBackAndAFailedLockWarns)
@@ -371,22 +327,18 @@ TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBackAndAFailedLockWarns
     const size_t size = 64u << 20;
     auto device = AttachMountedExt4("disk.img", size, 3);
     ASSERT_TRUE(device);
-
     auto run = install.Peer({"copy-out", device->drivePath(), dir.file("out.img")});
     ASSERT_EQ(run.code, 0) << run.err;
-    EXPECT_NE(run.err.find(device->path() + " was mounted on " + mnt() + "; the worker dismounted it"),
-              std::string::npos)
-        << run.err;
-    EXPECT_NE((run.out + run.err).find(std::to_string(size) + " bytes, writable"), std::string::npos) << run.err;
-    EXPECT_EQ(run.err.find("warning"), std::string::npos) << run.err;
+    EXPECT_THAT(run.err, HasSubstr(device->path() + " was mounted on " + mnt() + "; the worker dismounted it"));
+    EXPECT_THAT(run.err, HasSubstr(std::to_string(size) + " bytes, writable"));
+    EXPECT_THAT(run.err, Not(HasSubstr("warning")));
     EXPECT_TRUE(device->MountPoints().empty());
     EXPECT_TRUE(SameBytes(dir.file("out.img"), dir.file("disk.img")));
     EXPECT_TRUE(device->Claimable());
 
-    const std::string image = dir.file("new.img");
-    WritePatternFile(image, size, 5);
-    ASSERT_EQ(install.Peer({"copy-in", image, device->drivePath()}).code, 0);
-    EXPECT_TRUE(DeviceBytes(*device, size) == ReadFile(image));  // read past the worker
+    WritePatternFile(dir.file("new.img"), size, 5);
+    ASSERT_EQ(install.Peer({"copy-in", dir.file("new.img"), device->drivePath()}).code, 0);
+    EXPECT_TRUE(DeviceBytes(*device, size) == ReadFile(dir.file("new.img")));
     EXPECT_TRUE(device->Claimable());
 
     // Someone else holds the device exclusively: the worker's lock fails.
@@ -394,7 +346,7 @@ TEST_F(WorkerLoop, AMountedDeviceIsDismountedCopiedOutAndBackAndAFailedLockWarns
     ASSERT_TRUE(claim.valid());
     run = install.Peer({"copy-out", device->path(), dir.file("out2.img")});
     EXPECT_EQ(run.code, 0) << run.err;
-    EXPECT_NE(run.err.find("not held exclusively by the worker (its lock failed)"), std::string::npos) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("not held exclusively by the worker (its lock failed)"));
 }
 
 TEST_F(WorkerLoop, CopyOutOntoADeviceWritesTheZerosToo)
@@ -403,11 +355,9 @@ TEST_F(WorkerLoop, CopyOutOntoADeviceWritesTheZerosToo)
     const size_t size = 8u << 20;
     auto device = Attach("disk.img", size, 6);
     ASSERT_TRUE(device);
-    const std::string source = dir.file("sparse.bin");
-    WriteSparseFile(source, size, {{12345, 70000}, {size - 4096, 4096}}, 33);
-    const auto run = install.Peer({"copy-out", source, device->path()});
-    ASSERT_EQ(run.code, 0) << run.err;
-    EXPECT_TRUE(DeviceBytes(*device, size) == ReadFile(source));
+    WriteSparseFile(dir.file("sparse.bin"), size, {{12345, 70000}, {size - 4096, 4096}}, 33);
+    ASSERT_EQ(install.Peer({"copy-out", dir.file("sparse.bin"), device->path()}).code, 0);
+    EXPECT_TRUE(DeviceBytes(*device, size) == ReadFile(dir.file("sparse.bin")));
 }
 
 TEST_F(WorkerLoop, PeersAtOnceEachGetTheirOwnDrivesAndAKilledOneLetsItsDriveGo)
@@ -419,15 +369,14 @@ TEST_F(WorkerLoop, PeersAtOnceEachGetTheirOwnDrivesAndAKilledOneLetsItsDriveGo)
     auto worker = install.StartWorker();
     // The first peer stays connected, its reads held by the pipe, while a
     // second copies a whole device and a third is killed mid-read.
-    HeldRead one(install, *first, size, dir.file("fifo1"));
-    auto two = install.Start({install.peer(), "--endpoint", kEndpoint, "copy-out", second->drivePath(),
-                              dir.file("b.out")});
-    EXPECT_EQ(two->Wait(), 0) << two->Stderr();
+    HeldRead one(install, first->drivePath(), size, dir.file("fifo1"));
+    auto two = install.Peer({"--endpoint", kEndpoint, "copy-out", second->drivePath(), dir.file("b.out")});
+    EXPECT_EQ(two.code, 0) << two.err;
     EXPECT_TRUE(SameBytes(dir.file("b.out"), dir.file("b.img")));
     EXPECT_TRUE(second->Claimable());
     EXPECT_FALSE(first->Claimable());
 
-    HeldRead three(install, *second, size, dir.file("fifo2"));
+    HeldRead three(install, second->drivePath(), size, dir.file("fifo2"));
     EXPECT_EQ(three.Read(4096).size(), 4096u);
     EXPECT_FALSE(second->Claimable());  // the worker holds the drive now
     three.peer->Kill(SIGKILL);
@@ -438,7 +387,7 @@ TEST_F(WorkerLoop, PeersAtOnceEachGetTheirOwnDrivesAndAKilledOneLetsItsDriveGo)
     EXPECT_EQ(one.peer->Wait(), 0) << one.peer->Stderr();
     EXPECT_EQ(worker->Wait(), 0);
     EXPECT_TRUE(first->Claimable());
-    EXPECT_NE(install.WorkerLog().find("Channel down (pid: "), std::string::npos);
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("Channel down (pid: "));
 }
 
 #if defined(__has_feature)
@@ -454,15 +403,13 @@ TEST(WorkerFlood, APeerThatSendsWithoutTakingRepliesCannotGrowTheWorker)
 {
     Installation install;
     ASSERT_TRUE(CopyExecutable(TOLV_PROBE_PEER_PATH, install.peer()));
-    const std::string data = install.file("scratch.bin");
-    WritePatternFile(data, 4u << 20);
+    WritePatternFile(install.file("scratch.bin"), 4u << 20);
     const std::string fifo = install.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-
     auto worker = install.StartWorker();
     // 1 GiB of writes and 64 MiB of read replies offered to a worker whose
     // replies the peer never takes.
-    auto flood = install.Start({install.peer(), kEndpoint, "--flood", data, fifo, "1024"});
+    auto flood = install.Start({install.peer(), kEndpoint, "--flood", install.file("scratch.bin"), fifo, "1024"});
     std::string word;
     std::ifstream(fifo) >> word;
     ASSERT_EQ(word, "flooded") << flood->Stderr();
@@ -486,5 +433,5 @@ TEST(WorkerFlood, APeerThatSendsWithoutTakingRepliesCannotGrowTheWorker)
     flood->Kill(SIGKILL);
     EXPECT_LE(flood->Wait(), -1000);
     EXPECT_EQ(worker->Wait(), 0);
-    EXPECT_NE(install.WorkerLog().find("All channels are down."), std::string::npos);
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("All channels are down."));
 }
