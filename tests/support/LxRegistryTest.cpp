@@ -5,9 +5,7 @@
 #include "support/LxPolicyWatcher.h"
 #include "support/LxPollThread.h"
 #include "support/LxRegKey.h"
-#include "support/LxRegKeyWatcher.h"
 #include "support/LxRegValue.h"
-#include "support/LxRegValueWatcher.h"
 #include "task/TaskTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -121,36 +119,6 @@ TEST_F(LxRegistryTest, FailuresAndLongDumpsAreLoggedInTheirOwnWords)
     const std::string longDump = dumpOf(std::string(4000, 'x'));
     EXPECT_NE(longDump.find("    0x0000: 78 78"), std::string::npos) << longDump;
     EXPECT_NE(longDump.find("BUFFER TOO SMALL"), std::string::npos) << longDump;
-}
-
-TEST_F(LxRegistryTest, AWatchedValueCallsBackOnEachChangeEvenWhenItsKeyComesLater)
-{
-    auto key = MakeRC<LxRegKey>("HKLM\\Software\\Later");
-    auto keyWatcher = MakeRC<LxRegKeyWatcher>(key);
-    Counter changes; // callbacks
-    auto valueWatcher = MakeRC<LxRegValueWatcher>(MakeRC<LxRegValue>(MakeRC<LxRegKey>("HKLM\\Software\\Later"), "Level"),
-                                                  [&](LxRegValueWatcher&) { changes.add(); });
-    auto text = [&] { return valueWatcher->WithValue([](LxRegValue& v) { return v.AsString(); }); };
-    ASSERT_TRUE(valueWatcher->Start(keyWatcher));
-    EXPECT_FALSE(valueWatcher->Start(MakeRC<LxRegKeyWatcher>(key))); // one key watcher at a time
-    ASSERT_TRUE(keyWatcher->Start(thread));
-    EXPECT_FALSE(keyWatcher->Start(thread)); // on a poll thread already
-    EXPECT_FALSE(keyWatcher->IsWatching());  // no key yet: looked for every 2 seconds
-    store.Put("HKLM/Software/Later", "Level", "debug");
-    ASSERT_TRUE(changes.waitFor(1));
-    EXPECT_EQ(text(), "debug");
-    store.Put("HKLM/Software/Later", "Other", "x"); // another value: no callback for this one
-    store.Remove("HKLM/Software/Later", "Level");
-    ASSERT_TRUE(changes.waitFor(2));
-    EXPECT_FALSE(valueWatcher->WithValue([](LxRegValue& v) { return v.Exists(); }));
-    // The key goes and comes back: the watcher finds it again.
-    fs::remove_all(store.path() + "/HKLM/Software/Later");
-    store.Put("HKLM/Software/Later", "Level", "info");
-    ASSERT_TRUE(changes.waitFor(3));
-    EXPECT_EQ(text(), "info");
-    EXPECT_TRUE(valueWatcher->Stop());
-    EXPECT_EQ(keyWatcher->WatcherCount(), 0u);
-    EXPECT_TRUE(keyWatcher->Stop());
 }
 
 // Policy keys before local ones, or the other way round, as the mode says;

@@ -1,8 +1,11 @@
-// Events, mutexes and threads.
+// Events, mutexes, threads and reference counts.
 
 #include "support/LxEvent.h"
 #include "support/LxMutex.h"
 #include "support/LxThread.h"
+#include "support/RCObject.h"
+#include "support/RCPtr.h"
+#include "support/WkPtr.h"
 
 #include "SupportTestSupport.h"
 #include "common/TempDir.h"
@@ -205,60 +208,42 @@ TEST_F(LxMutexTest, LockOrderInversionWarnsOfAPossibleDeadlockOnce)
     ExpectOneMutexWarning(log, "Possible deadlock trying to acquire lock 0x", "held by", thread2);
 }
 
-// The callback runs at start, then per wake (wakes and the stop come from
-// other threads) or per interval, until a stop or until it says no.
-TEST_F(LxThreadTest, RunsPerWakeOrIntervalUntilStoppedOrTheCallbackSaysNo)
+// The callback runs at start and once per wake until a stop from another
+// thread, or until it says no, which signals stop as well.
+TEST_F(LxThreadTest, RunsPerWakeUntilStoppedOrTheCallbackSaysNo)
 {
-    EXPECT_FALSE(LxThread("Nothing").Start(nullptr, nullptr, 1));
     std::atomic<int> cycles{0};
     LxEvent cycled(false, false);
-    LxThread thread("Waker");
-    ASSERT_TRUE(thread.Start(
-        [&](void* context, LxThread* owner) {
-            EXPECT_EQ(context, &cycles);
-            EXPECT_TRUE(owner->IsCurrentThread());
-            ++cycles;
-            cycled.Set();
-            return true;
-        },
-        &cycles, LxEvent::kInfinite));
+    LxThread thread("ExitingAtOnceWithALongName");
+    auto callback = [&](void* context, LxThread* owner) {
+        EXPECT_EQ(context, &cycles);
+        EXPECT_TRUE(owner->IsCurrentThread());
+        ++cycles;
+        cycled.Set();
+        return true;
+    };
+    EXPECT_FALSE(thread.Start(nullptr, nullptr, 1));
+    ASSERT_TRUE(thread.Start(callback, &cycles, LxEvent::kInfinite));
     ASSERT_EQ(cycled.Wait(), 0);
     EXPECT_FALSE(thread.IsCurrentThread());
-    EXPECT_FALSE(thread.Start([](void*, LxThread*) { return true; }, nullptr, 1)); // already started
-    for (int i = 0; i < 3; ++i) {
-        std::thread([&] { EXPECT_TRUE(thread.Wake()); }).join();
-        ASSERT_EQ(cycled.Wait(), 0);
-    }
+    EXPECT_FALSE(thread.Start(callback, &cycles, 1)); // already started
+    std::thread([&] { EXPECT_TRUE(thread.Wake()); }).join();
+    ASSERT_EQ(cycled.Wait(), 0);
     std::thread([&] { EXPECT_TRUE(thread.Stop(LxEvent::kInfinite)); }).join();
     EXPECT_FALSE(thread.IsRunning());
-    EXPECT_EQ(cycles, 4);
-    EXPECT_EQ(log.Count("Thread Waker exited"), 1u);
-    // Stopped and joined, it starts again: every millisecond until it asks
-    // itself to stop, which it cannot wait for.
-    std::atomic<bool> selfStop{true};
+    EXPECT_EQ(cycles, 2);
+    std::string kernelName; // stopped and joined, it starts again
     ASSERT_TRUE(thread.Start(
-        [&](void*, LxThread* owner) {
-            if (++cycles == 7)
-                selfStop = owner->Stop(LxEvent::kInfinite);
-            return true;
-        },
-        nullptr, 1));
-    EXPECT_TRUE(thread.WaitForStop(LxEvent::kInfinite));
-    EXPECT_FALSE(selfStop);
-    EXPECT_EQ(cycles, 7); // the stop request ended the loop before another cycle
-    // A callback saying no ends the thread, which signals stop as well.
-    std::string kernelName;
-    LxThread named("ExitingAtOnceWithALongName");
-    ASSERT_TRUE(named.Start(
         [&](void*, LxThread*) {
             TaskFile(gettid(), "comm") >> kernelName;
             return false;
         },
         nullptr, 10));
-    ASSERT_EQ(named.GetExitedEvent().Wait(), 0);
-    EXPECT_TRUE(named.WaitForStop(0));
-    EXPECT_EQ(named.GetStopEvent().Wait(0), 0);
+    ASSERT_EQ(thread.GetExitedEvent().Wait(), 0);
+    EXPECT_TRUE(thread.WaitForStop(0));
+    EXPECT_EQ(thread.GetStopEvent().Wait(0), 0);
     EXPECT_EQ(kernelName, "ExitingAtOnceWi"); // the kernel keeps 15 bytes
+    EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName exited"), 1u);
     EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName exited by callback"), 1u);
 }
 
@@ -313,6 +298,90 @@ TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
     EXPECT_EQ(cycles, 2);
     EXPECT_EQ(ownerlessRuns, 1);
     EXPECT_EQ(log.Count("Thread Orphan was deleted"), 1u);
+}
+
+class Tracked : public RCObject {
+public:
+    explicit Tracked(std::atomic<int>& destroyed) : m_destroyed(destroyed) {}
+    ~Tracked() override { ++m_destroyed; }
+
+private:
+    std::atomic<int>& m_destroyed;
+};
+
+// Recycles itself instead of going, as a pooled message does.
+class Recycled : public RCObject {
+public:
+    int finalReleases = 0;
+    bool keep = true;
+
+protected:
+    bool OnFinalRelease() override
+    {
+        ++finalReleases;
+        return keep;
+    }
+};
+
+TEST(RCObjectTest, LastReleaseDeletesOrRecyclesAndWeakPointersSeeItGo)
+{
+    std::atomic<int> destroyed{0};
+    RCPtr<Tracked> a = MakeRC<Tracked>(destroyed);
+    WkPtr<Tracked> weak(a);
+    {
+        RCPtr<Tracked> b = a;
+        RCPtr<RCObject> base = b; // converts without a second object
+        EXPECT_EQ(a->GetRefCount(), 3);
+    }
+    EXPECT_EQ(a->GetRefCount(), 1);
+    RCPtr<Tracked> promoted = weak.Lock();
+    EXPECT_EQ(promoted.get(), a.get());
+    promoted.reset();
+    a.reset();
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_FALSE(weak.IsAlive());
+    EXPECT_FALSE(weak.Lock());
+    auto* object = new Recycled;
+    RCPtr<Recycled> first(object);
+    WkPtr<Recycled> oldWeak(first);
+    first.reset();
+    EXPECT_EQ(object->finalReleases, 1);
+    // A recycled object is a new life: the old weak pointers must not reach it.
+    EXPECT_FALSE(oldWeak.Lock());
+    oldWeak.reset();
+    RCPtr<Recycled> second(object);
+    WkPtr<Recycled> newWeak(second);
+    EXPECT_TRUE(newWeak.Lock());
+    object->keep = false; // the last life deletes it: under ASan a missing delete leaks, a double one crashes
+}
+
+// Promotion racing the final release is the reason counts share one lock:
+// every promotion must either fail or give a live object.
+TEST(WkPtrTest, PromotionRacingTheLastReleaseNeverSeesAFinalisedObject)
+{
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> destroyed{0};
+        RCPtr<Tracked> strong = MakeRC<Tracked>(destroyed);
+        WkPtr<Tracked> weak(strong);
+        std::atomic<bool> go{false};
+        std::atomic<int> promotedWhileDestroyed{0};
+        std::vector<std::thread> promoters;
+        for (int t = 0; t < 3; ++t) {
+            promoters.emplace_back([&] {
+                while (!go)
+                    std::this_thread::yield();
+                for (int i = 0; i < 50; ++i)
+                    if (RCPtr<Tracked> p = weak.Lock())
+                        promotedWhileDestroyed += destroyed.load();
+            });
+        }
+        go = true;
+        strong.reset();
+        for (std::thread& t : promoters)
+            t.join();
+        EXPECT_EQ(destroyed, 1);
+        EXPECT_EQ(promotedWhileDestroyed, 0);
+    }
 }
 
 } // namespace
