@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -22,13 +23,7 @@ inline bool WaitForLine(const ScopedLogCapture& log, const std::string& part)
 
 inline size_t CountEntries(const char* dir)
 {
-    size_t n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (dirent* e = readdir(d))
-            n += e->d_name[0] != '.';
-        closedir(d);
-    }
-    return n;
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
 }
 
 // Threads and descriptors of the process when it is made; Check expects the
