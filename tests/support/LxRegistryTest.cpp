@@ -174,21 +174,14 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
     }
 }
 
-// The effective uid and gid and the groups of a thread of this process, as the kernel shows them.
-std::string ThreadStatus(pid_t tid)
+// The effective uid and gid and the groups of the calling thread, which the kernel keeps per thread.
+std::vector<unsigned> Credentials()
 {
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
-    std::string text;
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        std::string key, real, effective;
-        fields >> key >> real >> effective;
-        if (key == "Uid:" || key == "Gid:")
-            text += key + effective + " ";
-        else if (key == "Groups:")
-            text += line;
-    }
-    return text;
+    std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+    groups.resize(static_cast<size_t>(std::max(0, getgroups(static_cast<int>(groups.size()), groups.data()))));
+    std::vector<unsigned> ids{geteuid(), getegid()};
+    ids.insert(ids.end(), groups.begin(), groups.end());
+    return ids;
 }
 
 // A user made for the test and a process logged on as that user in a login
@@ -252,25 +245,24 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     LxImpersonateSession session;
     ASSERT_TRUE(session.Init(login.sessionId));
     EXPECT_TRUE(session.Init(login.sessionId));
-    const std::string own = ThreadStatus(gettid());
-    std::promise<std::string> during;
+    const std::vector<unsigned> own = Credentials();
+    std::promise<std::vector<unsigned>> during;
     std::promise<void> checked;
     bool stopped = false;
-    std::string after;
+    std::vector<unsigned> after;
     std::thread worker([&] {
         EXPECT_TRUE(session.Start());
         EXPECT_EQ(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
-        during.set_value(ThreadStatus(gettid()));
+        during.set_value(Credentials());
         checked.get_future().wait();
         stopped = session.Stop();
-        after = ThreadStatus(gettid());
+        after = Credentials();
     });
-    const std::string user = during.get_future().get();
-    EXPECT_EQ(user.substr(0, user.find("Groups:")),
-              "Uid:" + std::to_string(login.uid) + " Gid:" + std::to_string(login.gid) + " ");
+    const std::vector<unsigned> user = during.get_future().get();
+    EXPECT_EQ(std::vector<unsigned>(user.begin(), user.begin() + 2), (std::vector<unsigned>{login.uid, login.gid}));
     // The other threads keep their own credentials and session, and a Stop
     // from a thread that did not start it changes nothing.
-    EXPECT_EQ(ThreadStatus(gettid()), own);
+    EXPECT_EQ(Credentials(), own);
     EXPECT_NE(ProcessUtils::GetSessionID(true, kNoSession), login.sessionId);
     EXPECT_FALSE(session.Stop());
     EXPECT_TRUE(session.IsImpersonating());
