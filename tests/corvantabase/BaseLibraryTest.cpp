@@ -25,7 +25,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -47,9 +46,6 @@ TEST(GuidText, EveryAcceptedFormReadsBackAsTheEndpointGuidAndAnythingElseIsRefus
         ASSERT_TRUE(UUID_ConvertPackedToBin(&guid, text)) << text;
         EXPECT_EQ(fmt::format("{}", guid), "875ac244-b80a-420e-90a2-9c69dfd8e728") << text;
     }
-    _GUID guid{};
-    ASSERT_TRUE(UUID_ConvertPackedToBin(&guid, "ffffffff-0000-ffff-00ff-ff00ff00ff00"));
-    EXPECT_EQ(fmt::format("{}", guid), "ffffffff-0000-ffff-00ff-ff00ff00ff00");
     // Refused text leaves the output alone.
     const char* refused[] = {
         "", "875ac244b80a420e90a29c69dfd8e72", "875ac244b80a420e90a29c69dfd8e7289",
@@ -61,11 +57,9 @@ TEST(GuidText, EveryAcceptedFormReadsBackAsTheEndpointGuidAndAnythingElseIsRefus
         "875ac244b80a420e90a29c69dfd8e728\n", "875ac244-b80a-420e-90a2-9c69dfd8e7\xc3\xa9", nullptr,
     };
     for (const char* text : refused) {
-        uint8_t bin[16], untouched[16];
-        std::memset(bin, 0x5a, sizeof bin);
-        std::memset(untouched, 0x5a, sizeof untouched);
-        EXPECT_FALSE(UUID_ConvertPackedToBin(bin, text)) << '"' << (text ? text : "(null)") << '"';
-        EXPECT_EQ(std::memcmp(bin, untouched, sizeof bin), 0) << (text ? text : "(null)");
+        std::vector<uint8_t> bin(16, 0x5a);
+        EXPECT_FALSE(UUID_ConvertPackedToBin(bin.data(), text)) << '"' << (text ? text : "(null)") << '"';
+        EXPECT_EQ(bin, std::vector<uint8_t>(16, 0x5a)) << (text ? text : "(null)");
     }
 }
 
@@ -91,28 +85,9 @@ protected:
     const std::string expected = base.path() + "/" + ownName;
 };
 
-// Below $TMPDIR when it is absolute, else below /tmp; made when missing.
-TEST_F(SafeTmpDirTest, CreatesAPrivateDirectoryWhateverTheUmaskAndFindsItAgain)
-{
-    const mode_t oldMask = umask(0);
-    EXPECT_EQ(SafeTmpDir(), expected);
-    umask(oldMask);
-    struct stat st{};
-    ASSERT_EQ(lstat(expected.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-    EXPECT_EQ(SafeTmpDir(), expected);
-    for (const char* value : {"", "relative/dir"}) {
-        setenv("TMPDIR", value, 1);
-        EXPECT_EQ(SafeTmpDir(), "/tmp/" + ownName) << value;
-    }
-    setenv("TMPDIR", (base.path() + "/missing/").c_str(), 1);
-    ScopedLogCapture log;
-    EXPECT_EQ(SafeTmpDir(), "");
-    EXPECT_EQ(log.CountContaining("Failed to create the directory " + base.path() + "/missing/" + ownName), 1u);
-}
-
-TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectory)
+// Refused when it is not a private directory of ours; made when missing,
+// below $TMPDIR when that is absolute, else below /tmp.
+TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectoryAndMakesOneWhateverTheUmask)
 {
     ScopedLogCapture log;
     TempDir target; // private and ours, but reached through a symlink someone could repoint
@@ -134,6 +109,22 @@ TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectory)
         EXPECT_EQ(SafeTmpDir(), "");
         EXPECT_EQ(log.CountContaining("belongs to user 65534"), 1u);
     }
+    ASSERT_EQ(rmdir(expected.c_str()), 0);
+    const mode_t oldMask = umask(0);
+    EXPECT_EQ(SafeTmpDir(), expected);
+    umask(oldMask);
+    struct stat st{};
+    ASSERT_EQ(lstat(expected.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_EQ(SafeTmpDir(), expected);
+    for (const char* value : {"", "relative/dir"}) {
+        setenv("TMPDIR", value, 1);
+        EXPECT_EQ(SafeTmpDir(), "/tmp/" + ownName) << value;
+    }
+    setenv("TMPDIR", (base.path() + "/missing/").c_str(), 1);
+    EXPECT_EQ(SafeTmpDir(), "");
+    EXPECT_EQ(log.CountContaining("Failed to create the directory " + base.path() + "/missing/" + ownName), 1u);
 }
 
 class PollTest : public ::testing::Test {
@@ -286,18 +277,13 @@ private:
     std::vector<std::unique_ptr<ChildProcess>> m_children;
 };
 
-int InThisExecutable() { return 7; }
-
-TEST(ProcessUtilsModule, ExecutableLibraryAndUnknownAddress)
+// The executable's path for no address or one of its own; none for an address no module holds.
+TEST(ProcessUtilsModule, ExecutableAndUnknownAddress)
 {
     const std::u16string own = Wide(OwnExecutable());
     EXPECT_EQ(TOLVGetModuleFileName(nullptr), own);
-    EXPECT_EQ(TOLVGetModuleFileName(reinterpret_cast<const void*>(&InThisExecutable)), own);
+    EXPECT_EQ(TOLVGetModuleFileName(reinterpret_cast<const void*>(&OwnExecutable)), own);
     EXPECT_EQ(TOLVGetProcessImageName(getpid()), own);
-    const fs::path libc(
-        tolv::platform::Utf16ToUtf8(TOLVGetModuleFileName(reinterpret_cast<const void*>(&getpid))).value());
-    EXPECT_EQ(libc.filename().string().rfind("libc.so", 0), 0u) << libc;
-    EXPECT_EQ(fs::canonical(libc), libc); // full, with no symlink left in it
     ScopedLogCapture log;
     EXPECT_TRUE(TOLVGetModuleFileName(reinterpret_cast<const void*>(uintptr_t{16})).empty());
     EXPECT_EQ(log.Count("GetModuleFileNameW failed with error : 0x16", "TOLVGetModuleFileName()"), 1u);
