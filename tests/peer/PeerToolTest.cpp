@@ -12,10 +12,11 @@
 #include <csignal>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
 using namespace std::string_literals;
 
+// Kernel interfaces' files call themselves regular, and writing through
+// /proc/self/mem would patch the worker's own code: they are refused too.
 TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
 {
     Installation install;
@@ -23,32 +24,53 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
     ASSERT_EQ(mkfifo(install.file("fifo").c_str(), 0600), 0);
     WritePatternFile(install.file("locked"), 4096);
     chmod(install.file("locked").c_str(), 0400);
-    std::vector<std::pair<std::string, const char*>> cases = {
-        {install.file("missing"), "no such file or directory"},
-        {install.file("folder"), "is a directory"},
-        {"/dev/null", "not a regular file or block device"},
-        {install.file("fifo"), "not a regular file or block device"},
-        {"/proc/self/status", "a file of a proc file system, not storage"},
+    struct Case {
+        std::string path;
+        std::string words;
+        bool byKind;  // refused for its file system, not by the open
+    };
+    std::vector<Case> cases = {
+        {install.file("missing"), "no such file or directory", false},
+        {install.file("folder"), "is a directory", false},
+        {"/dev/null", "not a regular file or block device", false},
+        {install.file("fifo"), "not a regular file or block device", false},
+        {"/proc/self/status", "a file of a proc file system, not storage", false},
+        {"/proc/self/mem", "a file of a proc file system, not storage", true},
     };
     if (geteuid() != 0)  // root opens it anyway
-        cases.push_back({install.file("locked"), "permission denied"});
-    for (const auto& c : cases) {
-        const auto run = install.Peer({"query", "E", c.first});
-        EXPECT_EQ(run.code, 1) << c.first;
-        EXPECT_EQ(run.out, "") << c.first;
-        EXPECT_THAT(run.err, HasSubstr("drive E: " + c.first + ": " + c.second +
+        cases.push_back({install.file("locked"), "permission denied", false});
+    // A sysfs file, better one that opens for writing: that one reaches the
+    // file-system check, a read-only one is refused by the open already.
+    std::string sys;
+    for (const char* candidate : {"/sys/kernel/mm/transparent_hugepage/enabled", "/sys/kernel/profiling",
+                                  "/sys/power/state", "/sys/kernel/uevent_seqnum"}) {
+        const bool better = sys.empty() || (access(sys.c_str(), W_OK) != 0 && access(candidate, W_OK) == 0);
+        if (access(candidate, F_OK) == 0 && better)
+            sys = candidate;
+    }
+    if (!sys.empty())
+        cases.push_back({sys, "a file of a sysfs file system, not storage", access(sys.c_str(), W_OK) == 0});
+    for (const Case& c : cases) {
+        const auto run = install.Peer({"query", "E", c.path});
+        EXPECT_EQ(run.code, 1) << c.path;
+        EXPECT_EQ(run.out, "") << c.path;
+        EXPECT_THAT(run.err, HasSubstr("drive E: " + c.path + ": " + c.words +
                                        " (query failed: STATUS_UNSUCCESSFUL (0xC0000001)"));
         // The worker's own log file, which gives the errno of the open.
-        const std::string key = "the worker's log: ";
-        const size_t at = run.err.find(key);
-        ASSERT_NE(at, std::string::npos) << run.err;
-        const std::string log = run.err.substr(at + key.size(), run.err.find('\n', at) - at - key.size());
-        EXPECT_EQ(log.rfind(install.file("tmp/corvanta-" + std::to_string(geteuid()) + "/"), 0), 0u) << run.err;
-        EXPECT_THAT(ReadFile(log), HasSubstr("Openning " + c.first + " failed with errno "));
+        std::smatch log;
+        ASSERT_TRUE(std::regex_search(run.err, log, std::regex("the worker's log: (.*)"))) << run.err;
+        EXPECT_EQ(log[1].str().rfind(install.file("tmp/corvanta-" + std::to_string(geteuid()) + "/"), 0), 0u);
+        EXPECT_THAT(ReadFile(log[1]), HasSubstr("Openning " + c.path + " failed with errno "));
+        if (c.byKind) {
+            EXPECT_THAT(ReadFile(log[1]), HasSubstr(c.path + " is a file of a "));
+        }
     }
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("/proc/self/mem is a file of a proc file system (type 0x9fa0), not "
+                                               "storage; refused."));
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."));
 }
 
-TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadToIt)
+TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadOrTheResults)
 {
     Installation install;
     const std::string data = install.file("data.bin");
@@ -61,49 +83,29 @@ TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadToIt)
     // The status went to standard error instead.
     EXPECT_THAT(run.err, HasSubstr("drive E: " + data + ": 100000 bytes, writable"));
     EXPECT_THAT(run.err, HasSubstr("drive E: released"));
-}
 
-TEST(PeerTool, NumbersItRefusesEndTheRunBeforeAnyWorker)
-{
-    Installation install;
-    const std::string data = install.file("data.bin");
-    WritePatternFile(data, 4096);
-    for (const char* number : {"08x", "1KB", "1.5M", "0x", "-1", "18446744073709551616", "16E", "16Ei"}) {
-        const auto run = install.Peer({"query", "E", data, "read", "E", number, "16", install.file("out")});
-        EXPECT_EQ(run.code, 2) << number;
-        EXPECT_THAT(run.err, HasSubstr("usage: veltrane-protocol.exe"));
-        EXPECT_EQ(install.WorkerLog(), "") << number;
-    }
-    EXPECT_EQ(install.Peer({"--json", "query", "E", data, "read", "E", "0", "1", "-"}).code, 2);
-}
-
-TEST(PeerTool, JsonResultsParseBackWithTheRelativePathMadeAbsolute)
-{
-    Installation install;
-    WritePatternFile(install.file("data.bin"), 12345);
-    // Run from the installation's folder, naming the file relative to it.
+    // JSON results, one a line, with a path relative to the peer's folder made absolute.
     auto peer = install.Start({"/bin/sh", "-c",
                                "cd \"$0\" && exec \"$1\" --timeout 60 --json query E data.bin query --json F ./data.bin",
                                install.dir.path(), install.peer()});
     ASSERT_EQ(peer->Wait(), 0) << peer->Stderr();
-    std::istringstream lines(peer->Stdout());
-    std::vector<nlohmann::json> results;
-    for (std::string line; std::getline(lines, line);)
-        results.push_back(nlohmann::json::parse(line));
-    ASSERT_EQ(results.size(), 2u) << peer->Stdout();
-    EXPECT_EQ(results[0]["drive"], "E");
-    EXPECT_EQ(results[0]["path"], "data.bin");
-    EXPECT_EQ(results[0]["sent_path"], install.file("data.bin"));
-    EXPECT_EQ(results[1]["drive"], "F");
-    EXPECT_EQ(results[1]["sent_path"], install.dir.path() + "/./data.bin");
-    for (const auto& result : results) {
-        EXPECT_EQ(result["size"], 12345);
+    const std::string out = peer->Stdout();
+    ASSERT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
+    const auto first = nlohmann::json::parse(out.substr(0, out.find('\n')));
+    const auto second = nlohmann::json::parse(out.substr(out.find('\n') + 1));
+    EXPECT_EQ(first["drive"], "E");
+    EXPECT_EQ(first["path"], "data.bin");
+    EXPECT_EQ(first["sent_path"], data);
+    EXPECT_EQ(second["drive"], "F");
+    EXPECT_EQ(second["sent_path"], install.dir.path() + "/./data.bin");
+    for (const auto& result : {first, second}) {
+        EXPECT_EQ(result["size"], 100000);
         EXPECT_EQ(result["writable"], true);
         EXPECT_EQ(result["device"], false);
     }
 }
 
-TEST(PeerTool, HelpAndVersionOfBothPrograms)
+TEST(PeerTool, HelpVersionAndRefusedNumbersEndTheRunBeforeAnyWorker)
 {
     Installation install;
     for (const std::string& program : {install.peer(), install.worker()}) {
@@ -111,11 +113,18 @@ TEST(PeerTool, HelpAndVersionOfBothPrograms)
         for (const char* option : {"-h", "--help", "--version"}) {
             auto run = install.Start({program, option});
             EXPECT_EQ(run->Wait(), 0) << name << option;
-            const std::regex expected(option == std::string("--version") ? "^" + name + R"( \d+\.\d+\.\d+\n$)"
-                                                                         : "^usage: " + name + " [^]*");
+            const std::regex expected(option == "--version"s ? "^" + name + R"( \d+\.\d+\.\d+\n$)"
+                                                             : "^usage: " + name + " [^]*");
             EXPECT_TRUE(std::regex_match(run->Stdout(), expected)) << run->Stdout();
         }
     }
+    WritePatternFile(install.file("data.bin"), 4096);
+    for (const char* number : {"08x", "1KB", "1.5M", "0x", "-1", "18446744073709551616", "16E", "16Ei"}) {
+        const auto run = install.Peer({"query", "E", install.file("data.bin"), "read", "E", number, "16", "out"});
+        EXPECT_EQ(run.code, 2) << number;
+        EXPECT_THAT(run.err, HasSubstr("usage: veltrane-protocol.exe"));
+    }
+    EXPECT_EQ(install.WorkerLog(), "");
 }
 
 TEST(PeerTool, ProgressOfTheCopyAndOfTheCheckWhenAskedFor)
@@ -154,17 +163,17 @@ TEST(PeerTool, AnInterruptReleasesTheWorkerAndRemovesThePartialImage)
         const bool keep = signal == SIGTERM;
         Installation install;
         // A large empty drive: the copy takes far longer than the signal.
-        const std::string source = install.file("source.bin");
+        const std::string source = install.file("source.bin"), image = install.file("image.bin");
         std::ofstream{source};
         ASSERT_EQ(truncate(source.c_str(), off_t{16} << 30), 0);
         auto peer = install.Start({install.peer(), keep ? "--keep-partial" : "--no-progress", "--timeout", "60",
-                                   "copy-out", source, install.file("image.bin")});
-        ASSERT_TRUE(WaitUntil([&] { return access(install.file("image.bin").c_str(), F_OK) == 0; }));
+                                   "copy-out", source, image});
+        ASSERT_TRUE(WaitUntil([&] { return access(image.c_str(), F_OK) == 0; }));
         peer->Kill(signal);
-        EXPECT_EQ(peer->Wait(), static_cast<int8_t>(128 + signal)) << peer->Stderr();  // read back as a signed byte
+        EXPECT_EQ(peer->Wait(), static_cast<int8_t>(128 + signal)) << peer->Stderr();
         const std::string err = peer->Stderr();
         EXPECT_THAT(err, HasSubstr("interrupted by SIG"s + sigabbrev_np(signal) + "; the worker was released"));
-        EXPECT_EQ(access(install.file("image.bin").c_str(), F_OK) == 0, keep) << err;
+        EXPECT_EQ(access(image.c_str(), F_OK) == 0, keep) << err;
         EXPECT_THAT(err, HasSubstr(keep ? "kept the partial output" : "removed the partial output"));
         // The worker went down of itself, its log closed, not killed.
         EXPECT_THAT(err, Not(HasSubstr("killing")));
@@ -178,9 +187,8 @@ TEST_F(WorkerLoop, DevNameAndBackslashNameAreTheSameDrive)
     ASSERT_TRUE(device);
     const auto run = install.Peer({"--json", "query", "E", device->path(), "query", "F", device->drivePath()});
     ASSERT_EQ(run.code, 0) << run.err;
-    const size_t newline = run.out.find('\n');
-    auto first = nlohmann::json::parse(run.out.substr(0, newline));
-    auto second = nlohmann::json::parse(run.out.substr(newline + 1));
+    auto first = nlohmann::json::parse(run.out.substr(0, run.out.find('\n')));
+    auto second = nlohmann::json::parse(run.out.substr(run.out.find('\n') + 1));
     EXPECT_EQ(first["device"], true);
     EXPECT_EQ(first["size"], 4u << 20);
     EXPECT_EQ(first["bytes_per_sector"], 512);
@@ -199,13 +207,10 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
     // An open file keeps the mount busy: the worker cannot take it down.
     tolv::platform::UniqueFd busy(::open((mnt() + "/open").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     ASSERT_TRUE(busy.valid());
-    const std::string before = ReadFile(dir.file("disk.img"));
-    const std::string patch = dir.file("patch.bin");
+    const std::string before = ReadFile(dir.file("disk.img")), patch = dir.file("patch.bin");
     WritePatternFile(patch, 8192, 10);
-    const std::string image = dir.file("image.bin");
-    WritePatternFile(image, 1u << 20, 11);
-
-    for (const auto& args : {std::vector<std::string>{"copy-in", image, device->drivePath()},
+    WritePatternFile(dir.file("image.bin"), 1u << 20, 11);
+    for (const auto& args : {std::vector<std::string>{"copy-in", dir.file("image.bin"), device->drivePath()},
                              {"query", "E", device->path(), "write", "E", "0", patch}}) {
         const auto run = install.Peer(args);
         EXPECT_EQ(run.code, 5) << run.err;
@@ -214,11 +219,9 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
     }
     EXPECT_TRUE(ReadFile(dir.file("disk.img")) == before) << "written without --force";
     EXPECT_EQ(device->MountPoints(), std::vector<std::string>{mnt()});
-
     const auto copy = install.Peer({"copy-out", device->path(), dir.file("out.img")});
     EXPECT_EQ(copy.code, 0) << copy.err;
     EXPECT_THAT(copy.err, HasSubstr("the image may be of a live file system"));
-
     // Into the free blocks of the last group: the middle of the device holds
     // the journal, which the mounted file system may write again after us.
     const auto forced = install.Peer({"--force", "query", "E", device->path(), "write", "E", "30M", patch});

@@ -10,7 +10,6 @@
 #include "support/ProcessUtils.h"
 
 #include <fcntl.h>
-#include <isa-l/crc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -219,52 +218,6 @@ TEST(WorkerDrives, CopyOutLeavesHolesWhereTheDriveIsZero)
     EXPECT_LE(AllocatedBytes(install.file("second.img")), secondData + slack);
 }
 
-// A kernel interface's files call themselves regular; writing through
-// /proc/self/mem would patch the worker's own code. They are refused as an
-// open that failed, and the same connection goes on being served.
-TEST(WorkerDrives, KernelInterfaceFilesAreRefusedAndTheWorkerKeepsServing)
-{
-    // The first of these that is there, or better the first writable one: a
-    // sysfs file that opens for writing reaches the file-system check; a
-    // read-only one is refused by the open already.
-    std::string sys;
-    for (const char* candidate : {"/sys/kernel/mm/transparent_hugepage/enabled", "/sys/kernel/profiling",
-                                  "/sys/power/state", "/sys/kernel/uevent_seqnum", "/proc/self/stat"}) {
-        struct stat st {};
-        const bool better = sys.empty() || (access(sys.c_str(), W_OK) != 0 && access(candidate, W_OK) == 0);
-        if (stat(candidate, &st) == 0 && S_ISREG(st.st_mode) && better)
-            sys = candidate;
-    }
-    Installation install;
-    ASSERT_TRUE(CopyExecutable(TOLV_PROBE_PEER_PATH, install.peer()));
-    const std::string data = install.file("data.bin");
-    WritePatternFile(data, 8192, 5);
-    const std::string bytes = ReadFile(data);
-    char read[96];
-    std::snprintf(read, sizeof read, "read E 0 8192 status 0x00000000 bytes 8192 crc 0x%08x\n",
-                  crc32_gzip_refl(0, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
-
-    auto worker = install.StartWorker();
-    auto peer = install.Start({install.peer(), kEndpoint, "query:M:/proc/self/mem", "read:M:0:16",
-                               "query:S:/proc/self/status", "query:Y:" + sys,
-                               "query:E:" + data, "read:E:0:8192", "release:E"});
-    ASSERT_EQ(peer->Wait(), 0) << peer->Stdout() << peer->Stderr();
-    EXPECT_EQ(worker->Wait(), 0);
-    for (const std::string& line : {"query M /proc/self/mem status 0xc0000001 size 0\n"s,
-                                    "read M 0 16 status 0xc0000008 bytes 0"s,  // nothing was recorded for M
-                                    "query S /proc/self/status status 0xc0000001 size 0\n"s,
-                                    "query Y " + sys + " status 0xc0000001 size 0\n",
-                                    "query E " + data + " status 0x00000000 size 8192\n", std::string(read)})
-        EXPECT_THAT(peer->Stdout(), HasSubstr(line));
-
-    const std::string log = install.WorkerLog();
-    EXPECT_THAT(log, HasSubstr("/proc/self/mem is a file of a proc file system (type 0x9fa0), not storage; refused."));
-    EXPECT_THAT(log, HasSubstr("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."));
-    if (sys.rfind("/sys/", 0) == 0 && access(sys.c_str(), W_OK) == 0) {
-        EXPECT_THAT(log, HasSubstr(sys + " is a file of a sysfs file system"));
-    }
-}
-
 // Workers killed outright leave their endpoint behind; the next one to start
 // clears those whose server is gone, and leaves a live server's alone.
 TEST(WorkerProcess, AStartingWorkerClearsTheEndpointsOfKilledWorkersOnly)
@@ -402,14 +355,14 @@ TEST_F(WorkerLoop, PeersAtOnceEachGetTheirOwnDrivesAndAKilledOneLetsItsDriveGo)
 TEST(WorkerFlood, APeerThatSendsWithoutTakingRepliesCannotGrowTheWorker)
 {
     Installation install;
-    ASSERT_TRUE(CopyExecutable(TOLV_PROBE_PEER_PATH, install.peer()));
+    ASSERT_TRUE(CopyExecutable(TOLV_FLOOD_PEER_PATH, install.peer()));
     WritePatternFile(install.file("scratch.bin"), 4u << 20);
     const std::string fifo = install.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     auto worker = install.StartWorker();
     // 1 GiB of writes and 64 MiB of read replies offered to a worker whose
     // replies the peer never takes.
-    auto flood = install.Start({install.peer(), kEndpoint, "--flood", install.file("scratch.bin"), fifo, "1024"});
+    auto flood = install.Start({install.peer(), kEndpoint, install.file("scratch.bin"), fifo, "1024"});
     std::string word;
     std::ifstream(fifo) >> word;
     ASSERT_EQ(word, "flooded") << flood->Stderr();
