@@ -277,18 +277,6 @@ private:
     std::vector<std::unique_ptr<ChildProcess>> m_children;
 };
 
-// The executable's path for no address or one of its own; none for an address no module holds.
-TEST(ProcessUtilsModule, ExecutableAndUnknownAddress)
-{
-    const std::u16string own = Wide(OwnExecutable());
-    EXPECT_EQ(TOLVGetModuleFileName(nullptr), own);
-    EXPECT_EQ(TOLVGetModuleFileName(reinterpret_cast<const void*>(&OwnExecutable)), own);
-    EXPECT_EQ(TOLVGetProcessImageName(getpid()), own);
-    ScopedLogCapture log;
-    EXPECT_TRUE(TOLVGetModuleFileName(reinterpret_cast<const void*>(uintptr_t{16})).empty());
-    EXPECT_EQ(log.Count("GetModuleFileNameW failed with error : 0x16", "TOLVGetModuleFileName()"), 1u);
-}
-
 TEST(ProcessUtilsImage, LongAndNonAsciiPathsComeWholeAndNonUtf8OnesAreRefused)
 {
     // The buffer starts at 260 bytes and doubles whenever a path fills it.
@@ -362,7 +350,7 @@ void ExpectReport(const Crash& crash, int sig, const std::string& headerStart)
     ASSERT_NE(who, std::string::npos) << crash.text;
     const std::string between = crash.text.substr(at + headerStart.size(), who - at - headerStart.size());
     EXPECT_EQ(between.find_first_not_of("0123456789abcdef"), std::string::npos) << crash.text;
-    EXPECT_EQ(crash.text.find("*** Fatal signal", at + 1), std::string::npos) << crash.text;
+    EXPECT_EQ(crash.text.find("*** Fatal signal", at + 1), std::string::npos) << crash.text; // one report
     const size_t trace = crash.text.find(" ***\nBacktrace:\n", at);
     const size_t end = crash.text.find("*** End of backtrace ***\n", at);
     ASSERT_TRUE(trace != std::string::npos && end != std::string::npos) << crash.text;

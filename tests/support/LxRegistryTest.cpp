@@ -14,7 +14,6 @@
 #include "SupportTestSupport.h"
 
 #include <pwd.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -40,12 +39,9 @@ TEST_F(LxRegistryTest, LocationsOpenTheSameKeyWhateverTheirSpellingAndBadOnesAre
     ASSERT_EQ(shortForm.OpenKey(), 0u);
     EXPECT_EQ(shortForm.GetPath(), store.path() + "/HKLM/Software/Corvanta/Veltrane");
     EXPECT_EQ(longForm.GetPath(), shortForm.GetPath());
-    ScopedLogCapture log(LOG_LEVEL_WARN);
     for (const char* bad : {"HKXX\\Software", "", "HKLM", "HKLM\\Software\\..\\..\\etc"})
         EXPECT_EQ(LxRegKey(bad).OpenKey(), LxRegKey::kErrorBadFormat) << bad;
-    const size_t before = log.Lines().size();
     EXPECT_EQ(LxRegKey("HKLM\\Software\\Missing").OpenKey(), LxRegKey::kErrorNotFound);
-    EXPECT_EQ(log.Lines().size(), before); // a missing key is no error
 }
 
 // Loaded one after the other into the same value: Load says whether it changed.
@@ -90,7 +86,6 @@ TEST_F(LxRegistryTest, ValuesTakeTheirTypeFromTheirTextAndReportOnlyRealChanges)
     EXPECT_FALSE(value.Load(LOG_LEVEL_VERBOSE));
     EXPECT_FALSE(value.Exists());
     EXPECT_TRUE(value.AsBool(true)); // absent: the default
-    EXPECT_FALSE(value.AsBool(false));
     store.Put("HKLM/Software/Test", "Setting", "no");
     value.Load(LOG_LEVEL_VERBOSE);
     EXPECT_FALSE(value.AsBool(true));
@@ -152,14 +147,6 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
     store.Remove("HKLM/Software/Policies/Corvanta/Veltrane", "Limit");
     EXPECT_TRUE(policyFirst.UpdateValue());
     EXPECT_EQ(policyFirst.GetSourceLocation(), local + "\\Limit");
-    // A value only the former company's key holds is found there; the machine's before the user's.
-    LxPolicyValue ipc("HKCU" + policy + "\\KxIpc", "Path", LxPolicyValue::CheckPolicyKeysOnly, 1);
-    store.Put("HKCU/Software/Policies/Pelloran, Inc./Pelloran Orvik/KxIpc", "Path", "/opt/user.so");
-    EXPECT_TRUE(ipc.UpdateValue());
-    EXPECT_EQ(ipc.GetSourceLocation(), "HKCU" + legacy + "\\KxIpc\\Path");
-    store.Put("HKLM/Software/Policies/Pelloran, Inc./Pelloran Orvik/KxIpc", "Path", "/opt/machine.so");
-    EXPECT_TRUE(ipc.UpdateValue());
-    EXPECT_EQ(ipc.GetString(), "/opt/machine.so");
     // "FallbackToLegacyGPO", at the policy place or the local one, puts the legacy policy before the local key.
     store.Put("HKLM/Software/Policies/Pelloran, Inc./Pelloran Orvik", "Limit", "30");
     for (const char* place : {"HKLM/Software/Policies/Corvanta/Veltrane", "HKLM/Software/Corvanta/Veltrane"}) {
@@ -170,6 +157,7 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
         EXPECT_TRUE(following.DetermineKeyOrder());
         EXPECT_TRUE(following.UpdateValue());
         EXPECT_EQ(following.GetString(), "30") << place;
+        EXPECT_EQ(following.GetSourceLocation(), "HKLM" + legacy + "\\Limit");
         store.Remove(place, "FallbackToLegacyGPO");
     }
 }
@@ -232,9 +220,7 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     LoginSession login;
     if (!login.why.empty())
         GTEST_SKIP() << login.why;
-    uint32_t resolved = 0;
-    EXPECT_TRUE(ProcessUtils::IsValidSession(login.sessionId, &resolved));
-    EXPECT_EQ(resolved, login.sessionId);
+    EXPECT_TRUE(ProcessUtils::IsValidSession(login.sessionId));
     EXPECT_EQ(ProcessUtils::GetSessionUserName(login.sessionId),
               std::u16string(login.userName.begin(), login.userName.end()));
     char* sid = nullptr;
@@ -320,7 +306,7 @@ TEST(LxImpersonateSession, RefusesSessionZeroAndNeedsInitBeforeStart)
 }
 
 // Half an ELF header: read as a file without a version record, never past its end.
-TEST(LxProcessUtils, VersionTextsOfAFileWithoutARecordAndOfTheSystem)
+TEST(LxProcessUtils, VersionTextOfAFileWithoutARecord)
 {
     TempDir dir;
     const std::string path = dir.file("half-elf");
@@ -330,10 +316,6 @@ TEST(LxProcessUtils, VersionTextsOfAFileWithoutARecordAndOfTheSystem)
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information (Mar  5 2021 04:05:06)");
     unlink(path.c_str());
     EXPECT_EQ(ProcessUtils::GetModuleVersionText(path), "No version information");
-    struct utsname names{};
-    ASSERT_EQ(uname(&names), 0);
-    const std::string os = ProcessUtils::GetOSVersionText();
-    EXPECT_NE(os.find(std::string(", Version ") + names.release + ", 64-bit"), std::string::npos) << os;
 }
 
 } // namespace
