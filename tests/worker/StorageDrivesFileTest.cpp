@@ -96,20 +96,6 @@ TEST_F(StorageDrivesFile, TransfersAreClippedAtTheRecordedSizeAndRefusedPastIt)
     EXPECT_EQ(log.Count("Failed to find the request disk (drive is X)"), 3u);
 }
 
-namespace {
-// Puts a reply allocator in force for a scope.
-struct ScopedReplyAllocator {
-    explicit ScopedReplyAllocator(StorageDrives::ReplyAllocator allocator)
-        : previous(StorageDrives::SetReplyAllocator(allocator))
-    {
-    }
-    ~ScopedReplyAllocator() { StorageDrives::SetReplyAllocator(previous); }
-    StorageDrives::ReplyAllocator previous;
-};
-
-constexpr size_t kOneGiB = size_t{1} << 30;
-} // namespace
-
 TEST_F(StorageDrivesFile, LongReadsAreServedAndMemoryShortageIsAnAnswer)
 {
     // A sparse file far larger than any read, so that clipping does not help.
@@ -118,36 +104,34 @@ TEST_F(StorageDrivesFile, LongReadsAreServedAndMemoryShortageIsAnAnswer)
     ASSERT_EQ(::truncate(big.c_str(), 1ll << 40), 0);
     ASSERT_TRUE(Query('B', big).result);
     const uint32_t longRead = (64u << 20) + 4096;  // longer than 64 MiB: served whole
-    auto reply = Read('B', 4096, longRead);
-    EXPECT_EQ(reply.header.status, 0u);
-    EXPECT_EQ(reply.raw.size(), 36u + longRead);
+    EXPECT_EQ(Read('B', 4096, longRead).readData().size(), longRead);
 
     // A buffer that cannot be had, whether the allocator says so with null or
-    // with std::bad_alloc, is answered with 0xC000009A, and the service goes on.
+    // with std::bad_alloc, or a reply that would not fit in one message (for
+    // which nothing is allocated), is answered with 0xC000009A.
+    static constexpr size_t kOneGiB = size_t{1} << 30;
     auto refuseNull = [](size_t size) -> void* { return size > kOneGiB ? nullptr : std::malloc(size); };
     auto refuseThrow = [](size_t size) -> void* {
         if (size > kOneGiB)
             throw std::bad_alloc();
         return std::malloc(size);
     };
-    for (StorageDrives::ReplyAllocator allocator : {+refuseNull, +refuseThrow}) {
-        ScopedReplyAllocator scoped(allocator);
-        reply = Read('B', 0, 0x80000000u);
-        EXPECT_FALSE(reply.result);
-        EXPECT_EQ(reply.header.status, 0xC000009Au);
-        EXPECT_EQ(reply.header.information, 0u);
-        EXPECT_EQ(reply.raw.size(), 32u);
-        EXPECT_EQ(Read('B', 0, 512).readData(), std::vector<uint8_t>(512, 0));
-    }
-    // Nor a reply that would not fit in one message; nothing is allocated for it.
-    ScopedReplyAllocator scoped([](size_t size) -> void* {
+    auto bounded = [](size_t size) -> void* {
         EXPECT_LE(size, kOneGiB);
         return std::malloc(size);
-    });
-    reply = Read('B', 0, 0xFFFFFFFFu);
-    EXPECT_FALSE(reply.result);
-    EXPECT_EQ(reply.header.status, 0xC000009Au);
-    EXPECT_EQ(reply.raw.size(), 32u);
+    };
+    const auto previous = StorageDrives::SetReplyAllocator(+refuseNull);
+    for (const auto& [allocator, length] : {std::make_pair(+refuseNull, 0x80000000u),
+                                            std::make_pair(+refuseThrow, 0x80000000u),
+                                            std::make_pair(+bounded, 0xFFFFFFFFu)}) {
+        StorageDrives::SetReplyAllocator(allocator);
+        const auto reply = Read('B', 0, length);
+        EXPECT_FALSE(reply.result);
+        EXPECT_EQ(reply.header.status, 0xC000009Au);
+        EXPECT_EQ(reply.raw.size(), 32u);
+        EXPECT_EQ(Read('B', 0, 512).readData(), std::vector<uint8_t>(512, 0));  // the service goes on
+    }
+    StorageDrives::SetReplyAllocator(previous);
     EXPECT_EQ(log.Count("Failed to allocate memory"), 3u);
 }
 

@@ -49,7 +49,6 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsEveryMountOfADevice)
     ASSERT_EQ(::mkdir(bound.c_str(), 0700), 0);
     ASSERT_EQ(::mount(mnt().c_str(), bound.c_str(), nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(device->MountPoints().size(), 2u);
-
     const auto reply = Query(*device, 'E', 9, 0x55);
     EXPECT_TRUE(reply.result);
     // Writable, fixed (loop devices are not removable), and 255/63 since loop
@@ -62,32 +61,17 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsEveryMountOfADevice)
     EXPECT_TRUE(device->MountPoints().empty());
     EXPECT_FALSE(device->Claimable());
     EXPECT_EQ(ServiceDescriptors(*device), 2u);  // the handle and its claim
-
     EXPECT_FALSE(CallService(drives, EncodeReleaseDiskRequest(1, 'E')).present);
     EXPECT_TRUE(device->Claimable());
     EXPECT_EQ(ServiceDescriptors(*device), 0u);
 }
 
-TEST_F(StorageDrivesLoop, ReadOnlyDeviceIsReportedReadOnlyAndRefusesWrites)
-{
-    auto device = Attach("ro.img", true);
-    ASSERT_TRUE(device);
-    EXPECT_EQ(Query(*device, 'E', 1, 0xBEEF).raw, QueryReplyBytes(0xBEEF, kImageSize, 1));
-    EXPECT_EQ(log.Count("The drive is readonly."), 1u);
-
-    const auto data = PatternBytes(0, 512, 2);
-    const auto write = CallService(drives, EncodeWriteRequest(1, 'E', 1, 0, data.data(), 512));
-    EXPECT_EQ(write.header.status, 0xC00000A2u);
-    EXPECT_EQ(write.header.information, 0u);
-    EXPECT_EQ(CallService(drives, EncodeReadRequest(1, 'E', 1, 0, 512)).readData(), PatternBytes(0, 512));
-}
-
-TEST_F(StorageDrivesLoop, EveryByteRoundTripsThroughTheService)
+TEST_F(StorageDrivesLoop, EveryByteRoundTripsAndAReadOnlyDeviceRefusesWrites)
 {
     auto device = Attach("data.img", false, 7);
-    ASSERT_TRUE(device);
+    auto readOnly = Attach("ro.img", true);
+    ASSERT_TRUE(device && readOnly);
     ASSERT_TRUE(Query(*device).result);
-
     // What the image held before attaching.
     constexpr uint32_t kChunk = 1u << 20;
     for (uint64_t offset = 0; offset < kImageSize; offset += kChunk) {
@@ -106,14 +90,19 @@ TEST_F(StorageDrivesLoop, EveryByteRoundTripsThroughTheService)
     std::vector<uint8_t> back(100003);
     ASSERT_EQ(::pread(direct.get(), back.data(), back.size(), static_cast<off_t>(offset)), 100003);
     EXPECT_EQ(back, data);
-
     // Writes are not clipped: past the end of the device the system says no.
     const auto past = CallService(drives, EncodeWriteRequest(1, 'E', 1, kImageSize, data.data(), 512));
     EXPECT_EQ(past.header.status, 0xC000007Fu);
     EXPECT_EQ(past.header.information, 0u);
+
+    EXPECT_EQ(Query(*readOnly, 'R', 1, 0xBEEF).raw, QueryReplyBytes(0xBEEF, kImageSize, 1));
+    const auto refused = CallService(drives, EncodeWriteRequest(1, 'R', 1, 0, data.data(), 512));
+    EXPECT_EQ(refused.header.status, 0xC00000A2u);
+    EXPECT_EQ(refused.header.information, 0u);
+    EXPECT_EQ(CallService(drives, EncodeReadRequest(1, 'R', 1, 0, 512)).readData(), PatternBytes(0, 512));
 }
 
-TEST_F(StorageDrivesLoop, SecondQueryReplacesAndUninitReleasesAll)
+TEST_F(StorageDrivesLoop, SecondQueriesReplaceClaimNothingTwiceAndUninitReleasesAll)
 {
     auto first = Attach("one.img");
     auto second = Attach("two.img");
@@ -126,29 +115,21 @@ TEST_F(StorageDrivesLoop, SecondQueryReplacesAndUninitReleasesAll)
     EXPECT_TRUE(first->Claimable());
     EXPECT_EQ(ServiceDescriptors(*first), 0u);
     EXPECT_FALSE(second->Claimable());
-
-    ASSERT_TRUE(Query(*first, 'D', 3).result);
-    EXPECT_FALSE(first->Claimable());
-    drives.Uninit();
-    EXPECT_TRUE(first->Claimable());
-    EXPECT_TRUE(second->Claimable());
-    EXPECT_EQ(ServiceDescriptors(*first) + ServiceDescriptors(*second), 0u);
-    EXPECT_EQ(log.CountContaining("Failed to unlock"), 0u);
-}
-
-TEST_F(StorageDrivesLoop, SecondQueryOfTheSameDeviceCannotClaimItTwice)
-{
-    auto device = Attach("same.img");
-    ASSERT_TRUE(device);
-    ASSERT_TRUE(Query(*device).result);
-    log.Clear();
-    // The first handle still holds the claim while the second one asks for it.
-    ASSERT_TRUE(Query(*device).result);
+    // And again: the old handle still holds the claim while the new one asks.
+    ASSERT_TRUE(Query(*second).result);
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed again. last error 16"), 1u);
-    EXPECT_EQ(ServiceDescriptors(*device), 1u);  // the new handle, without a claim
+    EXPECT_EQ(ServiceDescriptors(*second), 1u);  // the new handle, without a claim
     CallService(drives, EncodeReleaseDiskRequest(1, 'E'));
     EXPECT_EQ(log.Count("Failed to unlock the volume (err: 22)"), 1u);
-    EXPECT_EQ(ServiceDescriptors(*device), 0u);
+    EXPECT_EQ(ServiceDescriptors(*second), 0u);
+
+    ASSERT_TRUE(Query(*first, 'D', 3).result);
+    ASSERT_TRUE(Query(*second, 'F', 4).result);
+    EXPECT_FALSE(first->Claimable() || second->Claimable());
+    drives.Uninit();
+    EXPECT_TRUE(first->Claimable() && second->Claimable());
+    EXPECT_EQ(ServiceDescriptors(*first) + ServiceDescriptors(*second), 0u);
+    EXPECT_EQ(log.CountContaining("Failed to unlock"), 1u);
 }
 
 TEST_F(StorageDrivesLoop, DismountNeverUnmountsWhatIsMountedOverTheDevice)
@@ -156,7 +137,6 @@ TEST_F(StorageDrivesLoop, DismountNeverUnmountsWhatIsMountedOverTheDevice)
     auto device = AttachMountedExt4("covered.img", kImageSize, 1);
     ASSERT_TRUE(device);
     ASSERT_EQ(::mount("tmpfs", mnt().c_str(), "tmpfs", 0, "size=1m"), 0);
-
     Query(*device);
     EXPECT_EQ(log.Count("FSCTL_DISMOUNT_VOLUME failed."), 1u);
     EXPECT_EQ(log.CountContaining("FSCTL_LOCK_VOLUME succeeded"), 0u);
