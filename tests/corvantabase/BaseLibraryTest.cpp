@@ -85,8 +85,6 @@ protected:
     const std::string expected = base.path() + "/" + ownName;
 };
 
-// Refused when it is not a private directory of ours; made when missing,
-// below $TMPDIR when that is absolute, else below /tmp.
 TEST_F(SafeTmpDirTest, RefusesWhatIsNotOurPrivateDirectoryAndMakesOneWhateverTheUmask)
 {
     ScopedLogCapture log;
@@ -287,7 +285,8 @@ TEST(ProcessUtilsImage, LongAndNonAsciiPathsComeWholeAndNonUtf8OnesAreRefused)
         EXPECT_EQ(TOLVGetProcessImageName(sleepers.Start(path).pid()), Wide(path)) << length;
     }
     const std::string accented = sleepers.dir + "/v\xc3\xa9ltrane-\xf0\x9d\x84\x9e";
-    EXPECT_EQ(TOLVGetProcessImageName(sleepers.Start(accented).pid()), Wide(sleepers.dir) + u"/v\u00e9ltrane-\U0001D11E");
+    EXPECT_EQ(TOLVGetProcessImageName(sleepers.Start(accented).pid()),
+              Wide(sleepers.dir) + u"/v\u00e9ltrane-\U0001D11E");
     ScopedLogCapture log;
     EXPECT_TRUE(TOLVGetProcessImageName(sleepers.Start(sleepers.dir + "/bad\xff").pid()).empty());
     EXPECT_EQ(log.CountContaining("The path is not valid UTF-8"), 1u);
@@ -376,7 +375,7 @@ TEST(CrashFilter, FaultAbortAndStackOverflowAreReportedThenDieByTheirSignal)
     const Crash fault = CrashInChild([guard] { *static_cast<volatile int*>(guard) = 1; });
     munmap(guard, page);
     char header[96];
-    snprintf(header, sizeof header, "*** Fatal signal 11 (SIGSEGV) at address %#lx", reinterpret_cast<uintptr_t>(guard));
+    snprintf(header, sizeof header, "*** Fatal signal 11 (SIGSEGV) at address %p", guard);
     ExpectReport(fault, SIGSEGV, header);
     const Crash abort = CrashInChild([] { std::abort(); });
     ExpectReport(abort, SIGABRT, "*** Fatal signal 6 (SIGABRT) sent by process " + std::to_string(abort.pid));

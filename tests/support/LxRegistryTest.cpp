@@ -1,7 +1,5 @@
-// Settings keys, values and policies in a private store; sessions,
-// impersonation and the system texts against real login sessions: a child
-// process of a user made for the test sets its login uid, which gives it a
-// new audit session, the way a login does.
+// Settings in a private store; sessions against real logins: a process of a
+// user made for the test sets its login uid, which starts an audit session.
 
 #include "common/ChildProcess.h"
 #include "common/SettingsStore.h"
@@ -113,9 +111,7 @@ TEST_F(LxRegistryTest, ShortValuesAreDumpedWholeLongOnesAsFarAsTheDumpHolds)
     EXPECT_NE(longDump.find("BUFFER TOO SMALL"), std::string::npos) << longDump;
 }
 
-// Policy keys before local ones, or the other way round, as the mode says;
-// with the legacy fallback each policy key is followed by its former
-// company's form, with the company and the product folder exchanged.
+// A legacy form exchanges the company and the product folder of a policy key.
 TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
 {
     ScopedLogCapture log(LOG_LEVEL_WARN);
@@ -124,9 +120,8 @@ TEST_F(LxRegistryTest, PolicyModesOrderTheKeysAndTheFirstHolderDecides)
     const std::string legacy = "\\Software\\Policies\\Pelloran, Inc.\\Pelloran Orvik";
     EXPECT_EQ(LxPolicyValue("HKCU" + policy, "x", LxPolicyValue::PolicyOverridesLocal, 0).GetSearchKeys(),
               (Keys{"HKLM" + policy, "HKCU" + policy, "HKCU\\Software\\Corvanta\\Veltrane", local}));
-    EXPECT_EQ(LxPolicyValue("HKCU" + policy + "\\KxIpc", "x", LxPolicyValue::CheckPolicyKeysOnly, 1).GetSearchKeys(),
-              (Keys{"HKLM" + policy + "\\KxIpc", "HKLM" + legacy + "\\KxIpc", "HKCU" + policy + "\\KxIpc",
-                    "HKCU" + legacy + "\\KxIpc"}));
+    EXPECT_EQ(LxPolicyValue("HKCU" + policy, "x", LxPolicyValue::CheckPolicyKeysOnly, 1).GetSearchKeys(),
+              (Keys{"HKLM" + policy, "HKLM" + legacy, "HKCU" + policy, "HKCU" + legacy}));
     EXPECT_EQ(LxPolicyValue("HKLM" + policy + "Lab", "x", LxPolicyValue::CheckPolicyKeysOnly, 1).GetSearchKeys(),
               Keys{"HKLM" + policy + "Lab"}); // another product folder has no legacy form
     EXPECT_EQ(LxPolicyValue("HKLM\\System\\Other", "x", LxPolicyValue::PolicyOverridesLocal, 0).GetSearchKeys(),
@@ -179,8 +174,8 @@ public:
     {
         const std::string name = "tolvimp" + std::to_string(getpid());
         const struct passwd* entry = nullptr;
-        if (geteuid() != 0 || ChildProcess({"/usr/sbin/useradd", "--no-create-home", "--no-user-group", name}).Wait() ||
-            !(entry = getpwnam(name.c_str()))) {
+        const std::vector<std::string> add{"/usr/sbin/useradd", "--no-create-home", "--no-user-group", name};
+        if (geteuid() != 0 || ChildProcess(add).Wait() != 0 || !(entry = getpwnam(name.c_str()))) {
             why = "needs root and useradd to make a user";
             return;
         }
@@ -188,8 +183,9 @@ public:
         uid = entry->pw_uid;
         gid = entry->pw_gid;
         // The login: setting the login uid starts a new audit session.
-        m_process = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sh", "-c",
-            "echo " + std::to_string(uid) + " >/proc/self/loginuid; cat /proc/self/sessionid; echo; exec sleep 1000"});
+        const std::string login =
+            "echo " + std::to_string(uid) + " >/proc/self/loginuid; cat /proc/self/sessionid";
+        m_process.reset(new ChildProcess({"/bin/sh", "-c", login + "; echo; exec sleep 1000"}));
         WaitUntil([&] { return m_process->Stdout().find('\n') != std::string::npos; });
         sessionId = static_cast<uint32_t>(std::stoul("0" + m_process->Stdout()));
         if (sessionId == 0 || sessionId == kNoSession)
@@ -213,8 +209,6 @@ private:
     std::unique_ptr<ChildProcess> m_process;
 };
 
-// A session's user is taken on by one thread only, is no service account and
-// has a hive of its own.
 TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
 {
     LoginSession login;
@@ -244,7 +238,8 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
         after = Credentials();
     });
     const std::vector<unsigned> user = during.get_future().get();
-    EXPECT_EQ(std::vector<unsigned>(user.begin(), user.begin() + 2), (std::vector<unsigned>{login.uid, login.gid}));
+    EXPECT_EQ(user[0], login.uid);
+    EXPECT_EQ(user[1], login.gid);
     // The other threads keep their own credentials and session, and a Stop
     // from a thread that did not start it changes nothing.
     EXPECT_EQ(Credentials(), own);
@@ -272,7 +267,7 @@ TEST(LxImpersonateSession, SwitchesOnlyTheCallingThreadToTheSessionUserAndBack)
     SettingsStore store; // the current user key of the session is its user's hive
     const std::string theirs = store.path() + "/HKU/" + std::to_string(login.uid) + "/software/test";
     std::filesystem::create_directories(theirs);
-    LxRegKey theirKey("HKEY_CURRENT_USER/Software/Test", LxRegKey::Win32Default, static_cast<int32_t>(login.sessionId));
+    LxRegKey theirKey("HKEY_CURRENT_USER/Software/Test", LxRegKey::Win32Default, int32_t(login.sessionId));
     EXPECT_EQ(theirKey.OpenKey(), 0u);
     EXPECT_EQ(theirKey.GetPath(), theirs);
     // Session 0 has no user, so it has no hive either.

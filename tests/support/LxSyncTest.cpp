@@ -42,10 +42,10 @@ std::ifstream TaskFile(pid_t tid, const char* name)
 }
 
 // The one line logged: a mutex warning that names a holder by its thread id.
-void ExpectOneMutexWarning(const ScopedLogCapture& log, const std::string& start, const char* holder, uint32_t tid)
+void ExpectOneMutexWarning(const ScopedLogCapture& log, const std::string& start, const char* by, uint32_t tid)
 {
     char end[64];
-    snprintf(end, sizeof end, " %s thread 0x%04x", holder, tid);
+    snprintf(end, sizeof end, " %s thread 0x%04x", by, tid);
     const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].level, LOG_LEVEL_WARN);
@@ -107,8 +107,7 @@ TEST_F(LxEventTest, AutoResetSetReleasesExactlyOneOfTwoWaiters)
     EXPECT_EQ(released, 2);
 }
 
-// An event can wrap any descriptor (the settings watcher waits on inotify's):
-// signalled while it is readable, and closed with the event only when owned.
+// An event can wrap any descriptor; the settings watcher waits on inotify's.
 TEST_F(LxEventTest, ADescriptorEventIsSignalledWhileReadableAndClosedOnlyWhenOwned)
 {
     int fds[2];
@@ -127,8 +126,6 @@ TEST_F(LxEventTest, ADescriptorEventIsSignalledWhileReadableAndClosedOnlyWhenOwn
     { LxEvent owned(fds[1], true); } // the leak check finds it if it stays open
 }
 
-// A holder may take it again; others time out silently, and take it over
-// with a warning when the holder ends without releasing it.
 TEST_F(LxMutexTest, RecursiveHoldsCountOthersTimeOutAndAnAbandonedOneIsTakenOver)
 {
     LxMutex m;
@@ -202,8 +199,6 @@ TEST_F(LxMutexTest, LockOrderInversionWarnsOfAPossibleDeadlockOnce)
     ExpectOneMutexWarning(log, "Possible deadlock trying to acquire lock 0x", "held by", thread2);
 }
 
-// The callback runs at start and once per wake until a stop from another
-// thread, or until it says no, which signals stop as well.
 TEST_F(LxThreadTest, RunsPerWakeUntilStoppedOrTheCallbackSaysNo)
 {
     std::atomic<int> cycles{0};
@@ -241,8 +236,7 @@ TEST_F(LxThreadTest, RunsPerWakeUntilStoppedOrTheCallbackSaysNo)
     EXPECT_EQ(log.Count("Thread ExitingAtOnceWithALongName exited by callback"), 1u);
 }
 
-// A thread that leaves through pthread_exit never reaches the end of its loop;
-// the end-of-thread event still lets a waiter see it go.
+// Through pthread_exit it never reaches the end of its loop; the end-of-thread event still shows it.
 TEST_F(LxThreadTest, AThreadThatEndsUnexpectedlyIsNoticedAndJoined)
 {
     LxThread thread("Vanishing");
@@ -261,8 +255,6 @@ TEST_F(LxThreadTest, AThreadThatEndsUnexpectedlyIsNoticedAndJoined)
     EXPECT_EQ(log.Count("Thread Vanishing exited"), 0u);
 }
 
-// Dropping the handle of a running thread detaches it; it runs its callback
-// one last time, with no owner, and ends by itself, dropping the shared data.
 TEST_F(LxThreadTest, DroppingTheHandleOfARunningThreadLetsItEndAfterOneLastRun)
 {
     std::atomic<int> cycles{0};

@@ -26,9 +26,8 @@ inline size_t CountEntries(const char* dir)
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
 }
 
-// Threads and descriptors of the process when it is made; Check expects the
-// same again. A thread that has signalled its end may still be leaving the
-// kernel's list for a moment, so the thread count is read until it settles.
+// Threads and descriptors when made, expected again by Check; a thread that has signalled
+// its end may still be leaving the kernel's list, so that count is read until it settles.
 class ResourceSnapshot {
 public:
     ResourceSnapshot()

@@ -55,7 +55,7 @@ protected:
             gate.pass();
         });
     }
-    void Recreate(LinuxThreadPoolExecutor::Options options) { executor = LinuxThreadPoolExecutor::create(options); }
+    void Recreate(LinuxThreadPoolExecutor::Options o) { executor = LinuxThreadPoolExecutor::create(o); }
 
     Gate gate;
     Counter started;
@@ -107,8 +107,6 @@ TEST_F(ExecutorPool, GrowsWhenCallbacksBlockAndStaysWithinItsBound)
     EXPECT_TRUE(WaitUntil([&] { return executor->threadCount() == 1; })); // idle ones retire
 }
 
-// Closing from another thread waits for the running callbacks; queued items
-// are released unrun, and so are those submitted after the close.
 TEST_F(ExecutorClose, ClosingWaitsForRunningCallbacksAndReleasesQueuedItems)
 {
     Recreate({.maxThreads = 2}); // both blocked below, so further items stay queued
@@ -135,8 +133,6 @@ TEST_F(ExecutorClose, ClosingWaitsForRunningCallbacksAndReleasesQueuedItems)
     EXPECT_EQ(released, 7);
 }
 
-// A callback that closes its own task waits for the task's other callbacks,
-// never for itself; even the last handle may go meanwhile.
 TEST_F(ExecutorClose, ClosingFromInsideWaitsForTheOtherCallbacksOnly)
 {
     std::atomic<bool> otherFinished{false}, sawOtherFinished{false};
@@ -162,7 +158,6 @@ TEST_F(ExecutorClose, ClosingFromInsideWaitsForTheOtherCallbacksOnly)
     EXPECT_TRUE(sawOtherFinished);
 }
 
-// Once per arming, never after a disarm, also when the disarm races a signal.
 TEST_F(Executor, WaitFiresOncePerArmingAndNotAfterADisarm)
 {
     EventFd event;
@@ -234,7 +229,6 @@ TEST_F(Executor, ExceptionsFromCallbacksAreLoggedAndContained)
     executor->waitForTimerCallbacks(empty);
 }
 
-// The destructor waits for handles still held, and closes the tasks nobody holds.
 TEST_F(ExecutorLifetime, DestructionWaitsForHandlesStillHeld)
 {
     auto task = Blocking();
@@ -283,8 +277,6 @@ TEST_F(ExecutorStress, ManyTasksCreatedFiredAndClosedFromSeveralThreads)
     EXPECT_GT(calls.load(), 0);
 }
 
-// Typed work tasks: arguments travel owned by the queue; a failure comes back
-// to a caller that waits; a raw submission without arguments still calls.
 TEST(WorkTask, CallsWithTheSubmittedArgumentsAndPropagatesFailures)
 {
     std::shared_ptr<WorkTaskExecutor> executor = LinuxThreadPoolExecutor::create();

@@ -1,6 +1,5 @@
 #pragma once
-// Event-driven waits for executor tests: every wait has a generous deadline
-// and fails the test instead of hanging.
+// Event-driven waits: each has a generous deadline and fails the test instead of hanging.
 
 #include <chrono>
 #include <condition_variable>
