@@ -78,16 +78,6 @@ void ChildProcess::Kill(int signal)
         kill(m_pid, signal);
 }
 
-std::string ChildProcess::Stdout() const
-{
-    return ReadFile(m_dir.file("stdout"));
-}
-
-std::string ChildProcess::Stderr() const
-{
-    return ReadFile(m_dir.file("stderr"));
-}
-
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+std::string ReadFile(const std::string& path);
+// The text of every regular file in `directory` (not recursive), joined.
+std::string ReadAllFiles(const std::string& directory);
+
 class ChildProcess {
 public:
     // `env` entries ("NAME=value") are added to (or replace in) our environment.
@@ -23,15 +27,11 @@ public:
     // -3000 when it never started.
     int Wait(std::chrono::milliseconds timeout = std::chrono::minutes(2));
     void Kill(int signal);
-    std::string Stdout() const;
-    std::string Stderr() const;
+    std::string Stdout() const { return ReadFile(m_dir.file("stdout")); }
+    std::string Stderr() const { return ReadFile(m_dir.file("stderr")); }
 
 private:
     pid_t m_pid = -1;
     int m_status = -3000;
     TempDir m_dir;
 };
-
-std::string ReadFile(const std::string& path);
-// The text of every regular file in `directory` (not recursive), joined.
-std::string ReadAllFiles(const std::string& directory);

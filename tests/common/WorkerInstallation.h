@@ -7,18 +7,14 @@
 
 #include "common/ChildProcess.h"
 #include "common/LoopDevice.h"
-#include "common/TempDir.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <memory>
-#include <string>
-#include <vector>
 
 using testing::HasSubstr;
 using testing::Not;
@@ -40,8 +36,7 @@ inline bool SameBytes(const std::string& a, const std::string& b)
 
 struct PeerRun {
     int code;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 class Installation {
@@ -53,21 +48,18 @@ public:
         EXPECT_TRUE(CopyExecutable(TOLV_WORKER_PATH, worker()));
         EXPECT_TRUE(CopyExecutable(TOLV_PEER_PATH, peer()));
     }
-
     std::string worker() const { return dir.file("bin/tolvClientWorker"); }
     std::string peer() const { return dir.file("bin/veltrane-protocol.exe"); }
     std::string file(const std::string& name) const { return dir.file(name); }
-    std::vector<std::string> env() const
-    {
-        return {"TMPDIR=" + dir.file("tmp"), "IPCLIB_RUNTIME_DIR=" + dir.file("run"), "LXREG_ROOT=" + dir.file("reg")};
-    }
     // Every line the workers of this installation logged.
     std::string WorkerLog() const { return ReadAllFiles(dir.file("tmp/corvanta-" + std::to_string(geteuid()))); }
 
-    // Starts a program of this installation in its environment.
+    // Starts a program in this installation's environment.
     std::unique_ptr<ChildProcess> Start(const std::vector<std::string>& argv) const
     {
-        return std::make_unique<ChildProcess>(argv, env());
+        return std::make_unique<ChildProcess>(argv, std::vector<std::string>{"TMPDIR=" + dir.file("tmp"),
+                                                                             "IPCLIB_RUNTIME_DIR=" + dir.file("run"),
+                                                                             "LXREG_ROOT=" + dir.file("reg")});
     }
     std::unique_ptr<ChildProcess> StartWorker(const std::string& endpoint = kEndpoint) const
     {
@@ -77,9 +69,9 @@ public:
     PeerRun Peer(std::vector<std::string> args, const std::string& program = "") const
     {
         args.insert(args.begin(), {program.empty() ? peer() : program, "--timeout", "60"});
-        ChildProcess process(args, env());
-        const int code = process.Wait();
-        return {code, process.Stdout(), process.Stderr()};
+        auto process = Start(args);
+        const int code = process->Wait();
+        return {code, process->Stdout(), process->Stderr()};
     }
 
     TempDir dir;

@@ -85,9 +85,8 @@ TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadOrTheResults)
     EXPECT_THAT(run.err, HasSubstr("drive E: released"));
 
     // JSON results, one a line, with a path relative to the peer's folder made absolute.
-    auto peer = install.Start({"/bin/sh", "-c",
-                               "cd \"$0\" && exec \"$1\" --timeout 60 --json query E data.bin query --json F ./data.bin",
-                               install.dir.path(), install.peer()});
+    const std::string script = "cd \"$0\" && exec \"$1\" --json query E data.bin query --json F ./data.bin";
+    auto peer = install.Start({"/bin/sh", "-c", script, install.dir.path(), install.peer()});
     ASSERT_EQ(peer->Wait(), 0) << peer->Stderr();
     const std::string out = peer->Stdout();
     ASSERT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;

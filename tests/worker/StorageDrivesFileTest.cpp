@@ -41,7 +41,64 @@ protected:
     StorageDrives drives;
 };
 
+// What is answered, and what is refused, by the code of a record.
+class StorageDrivesDispatch : public StorageDrivesFile {
+};
+
 } // namespace
+
+TEST_F(StorageDrivesDispatch, ReplyRulesByCode)
+{
+    // Release and unknown codes are never answered.
+    EXPECT_TRUE(CallService(drives, EncodeReleaseDiskRequest(1, 'Q')).result);
+    EXPECT_EQ(log.Count("Failed to find the request disk (drive is Q)"), 1u);
+    auto unknown = EncodeReleaseDiskRequest(0x42, 'E');
+    unknown[8] = 0x14;
+    const auto reply = CallService(drives, unknown);
+    EXPECT_FALSE(reply.result || reply.present);
+    EXPECT_EQ(log.Count("Unknown message code 0x14"), 1u);
+    // The drive is the field's low byte.
+    EXPECT_TRUE(CallService(drives, EncodeQueryDiskRequest(1, 0x1245, 5, Wide(image))).result);
+    EXPECT_EQ(log.Count("The local drive (id=5, drive=E) record will be overwritten."), 1u);
+    // Writes are silent only for the full 64-bit 0xbeefbeef; reads are always answered.
+    const uint8_t data[4] = {1, 2, 3, 4};
+    EXPECT_FALSE(CallService(drives, EncodeWriteRequest(DR_IOCONTEXT_NO_RESPONSE, 'E', 1, 0, data, 4)).present);
+    const auto write = CallService(drives, EncodeWriteRequest(0x1BEEFBEEFull, 'E', 1, 0, data, 4));
+    EXPECT_EQ(write.raw.size(), 32u);
+    EXPECT_EQ(write.header.ioContext, 0x1BEEFBEEFull);
+    EXPECT_EQ(write.header.information, 4u);
+    const auto read = CallService(drives, EncodeReadRequest(DR_IOCONTEXT_NO_RESPONSE, 'E', 1, 0, 4));
+    EXPECT_EQ(read.readData(), std::vector<uint8_t>(data, data + 4));
+}
+
+TEST_F(StorageDrivesDispatch, TruncatedRecordsOfEveryCodeAreRefusedWithoutOverRead)
+{
+    const uint8_t data[8] = {};
+    const std::vector<std::vector<uint8_t>> records = {
+        EncodeQueryDiskRequest(9, 'F', 1, Wide(image)), EncodeReleaseDiskRequest(9, 'F'),
+        EncodeReadRequest(9, 'E', 1, 0, 8), EncodeWriteRequest(9, 'E', 1, 0, data, 8),
+        EncodeWriteRequest(DR_IOCONTEXT_NO_RESPONSE, 'E', 1, 0, data, 8)};
+    const size_t descriptors = OpenDescriptors();
+    for (const auto& record : records) {
+        const uint32_t code = record[8];
+        const bool silentWrite = code == DR_MSG_WRITE && record[0] == 0xEF;
+        for (size_t size = 0; size < record.size(); ++size) {
+            SCOPED_TRACE("code " + std::to_string(code) + ", " + std::to_string(size) + " bytes");
+            const auto reply = CallService(drives, record, size);
+            const bool header = size >= DR_REQ_HEADER_SIZE;
+            // A release needs no payload; everything else is refused.
+            EXPECT_EQ(reply.result, header && code == DR_MSG_RELEASE_DISK);
+            EXPECT_EQ(reply.present, header && code != DR_MSG_RELEASE_DISK && !silentWrite);
+            if (reply.present) {
+                EXPECT_EQ(reply.header.status, 0xC000000Du);
+                EXPECT_EQ(reply.raw.size(), 32u);
+            }
+        }
+    }
+    // Nothing was opened or written, and E is still there.
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_EQ(Read('E', 0, 16).readData(), PatternBytes(0, 16));
+}
 
 TEST_F(StorageDrivesFile, TransfersAreClippedAtTheRecordedSizeAndRefusedPastIt)
 {
@@ -169,6 +226,11 @@ TEST_F(StorageDrivesFile, FailedOpensAndReleasesLeakNothing)
     drives.Uninit();
     EXPECT_EQ(OpenDescriptors(image), 0u);
     EXPECT_EQ(OpenDescriptors(), before - 1);  // E went too
+    {
+        StorageDrives scoped;
+        ASSERT_TRUE(CallService(scoped, EncodeQueryDiskRequest(1, 'E', 1, Wide(image))).result);
+    }
+    EXPECT_EQ(OpenDescriptors(image), 0u);  // a service that goes lets go of its drives
 }
 
 TEST_F(StorageDrivesFile, ConcurrentTransfersNeverSeeAClosedOrReusedDescriptor)
