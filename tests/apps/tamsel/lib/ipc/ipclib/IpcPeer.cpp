@@ -1,28 +1,23 @@
-// The other process of the link and bootstrap tests. Usage: ipcPeer MODE ARG [ARG]
-//   link FD      takes a link's channels from socket FD (ShmHandOver.h) and
-//                builds its side with the roles swapped; hand-over mode 1
-//                runs the echo client below on 3 streams, mode 2 attaches but
-//                never starts (so never frees the buffer) until killed.
-//   echo EP N    connects, opens N-1 further streams on the same link, sends
-//                a pattern on each, checks every echo byte for byte, closes.
-//   v1 EP        as echo 1, through the version-1 procedure.
-//   refused EP S connects and expects the call to fail with status S.
-//   hold EP      connects, then waits until the server takes the link down.
-//   server EP    listens on EP, echoes everything and waits to be killed.
-// Exit codes: 0 success, 1 a check failed, 2 set-up failed.
+// The other process of the bootstrap and link tests. Usage: ipcPeer MODE EP [N]
+//   echo EP N  connects with a section of kPeerSection bytes, opens N-1 more
+//              streams on the link, sends messages of MessageSizes() on each,
+//              checks every echo byte for byte, closes.
+//   v1 EP      as echo EP 1, through the version-1 procedure.
+//   hold EP    connects, then waits until the server takes the link down.
+//   server EP  listens on EP, echoes everything and waits to be killed.
+// Exit codes: 0 success, 1 a check failed, 2 set-up failed, 10 + the status
+// of a refused connect.
 
 #include "ShmHandOver.h"
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
 #include <tamsel/ipc/ipclib.h>
 #include <tamsel/ipc/ipclibClient.h>
 #include <tolv/log/Log.h>
 #include "log/LoggerManager.h"
-#include "task/LinuxThreadPoolExecutor.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -37,8 +32,38 @@ using Streams = std::vector<std::shared_ptr<KxIpclibStream>>;
 
 void Ignore(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}
 
-// Sends every size on each stream, waits for every echo and the end of each
-// stream after closing it: 0 when every echo matched.
+// What one stream has received of the pattern messages, and its end.
+struct Echoes {
+    std::mutex lock;
+    std::condition_variable changed;
+    uint32_t received = 0;
+    uint32_t wrong = 0;
+    bool ended = false;
+
+    // A receive function that checks message `index` of `stream` against the pattern.
+    KxIpclibRecvFunction checker(uint32_t stream, const std::vector<uint32_t>& sizes)
+    {
+        return [this, stream, &sizes](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+            std::lock_guard<std::mutex> guard(lock);
+            if (msg->size() == 0) {
+                ended = true;
+            } else {
+                const auto want = PatternMessage(stream, received, sizes[received % sizes.size()]);
+                wrong += msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0;
+                ++received;
+            }
+            changed.notify_all();
+        };
+    }
+    bool wait(const std::function<bool()>& done, int seconds = 60)
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(seconds), done);
+    }
+};
+
+// Sends every size on each stream, waits for every echo, closes the streams
+// and waits for their ends: 0 when every echo matched.
 int EchoOver(Streams& streams, std::vector<Echoes>& echoes, const std::vector<uint32_t>& sizes)
 {
     std::vector<std::vector<std::vector<uint8_t>>> sent(streams.size());  // sends do not copy
@@ -49,79 +74,40 @@ int EchoOver(Streams& streams, std::vector<Echoes>& echoes, const std::vector<ui
                 return 1;
         }
     int result = 0;
-    for (auto& e : echoes) {
-        std::unique_lock<std::mutex> lock(e.lock);
-        if (!e.changed.wait_for(lock, std::chrono::seconds(60), [&] { return e.received == sizes.size(); }) ||
-            e.wrong != 0)
+    for (auto& e : echoes)
+        if (!e.wait([&] { return e.received == sizes.size(); }) || e.wrong != 0)
             result = 1;
-    }
     for (auto& stream : streams) {
         stream->waitForOutstandingSends(0, std::chrono::seconds(30));
         stream->close(std::chrono::milliseconds(5000));
     }
-    for (auto& e : echoes) {
-        std::unique_lock<std::mutex> lock(e.lock);
-        e.changed.wait_for(lock, std::chrono::seconds(30), [&] { return e.ended; });
-    }
+    for (auto& e : echoes)
+        e.wait([&] { return e.ended; }, 30);
     streams.clear();
     return result;
 }
 
-int OverHandedLink(int socket)
+int Connect(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc, bool hold)
 {
-    HandOver header;
-    KxIpclibLinkChannelResourceLinux creatorSend, creatorRecv;
-    if (!ReceiveHandOver(socket, header, creatorSend, creatorRecv))
-        return 2;
-    tolv::platform::UniqueFd parent(static_cast<int>(::syscall(SYS_pidfd_open, ::getppid(), 0)));
-    auto executor = tamsel::task::LinuxThreadPoolExecutor::create();
-    auto link = std::make_shared<KxIpclibLinkSharedMemLinux>(_GUID{}, 0, u"peer", static_cast<uint32_t>(::getppid()),
-                                                             nullptr, nullptr, header.sectionSize, std::move(parent),
-                                                             tolv::platform::UniqueFd());
-    int error = 0;
-    unsigned int out = 0;
-    char byte;
-    // What the creator sends on, this side receives on, and the reverse.
-    if (link->attach(std::move(creatorRecv), std::move(creatorSend), error) != 0 || link->connecting() != 0)
-        return 2;
-    if (header.mode == 2) {
-        [[maybe_unused]] ssize_t n = ::read(socket, &byte, 1);  // until killed
-        return 0;
-    }
-    if (link->start(executor, out) != KxIpcStatusSuccess)
-        return 2;
-    const auto sizes = MessageSizes(header.sectionSize);
-    std::vector<Echoes> echoes(3);
-    Streams streams;
-    for (uint32_t s = 0; s < echoes.size(); ++s) {
-        auto opened = KxIpclibStream::open(link, executor, u"tolvCommands", Flags<KxIpclibStreamFlag>(),
-                                           Checker(echoes[s], s, sizes), std::chrono::seconds(30));
-        if (!opened)
-            return 2;
-        streams.push_back(*opened);
-    }
-    const int result = EchoOver(streams, echoes, sizes);
-    link->close();
-    // Stay until the test has seen our stop: exiting at once would race it
-    // with the server noticing that we are gone.
-    [[maybe_unused]] ssize_t n = ::read(socket, &byte, 1);
-    return result;
-}
-
-int Connect(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc)
-{
-    const std::vector<uint32_t> sizes = {1, 100, 5000, 70000};
+    static const std::vector<uint32_t> sizes = MessageSizes(kPeerSection);
     std::vector<Echoes> echoes(count);
     KxIpclibClientOptions options;
     options.procedure = proc;
-    auto client = KxIpclibClient::connect(ep, u"tolvCommands", Checker(echoes[0], 0, sizes), options);
-    if (!client) {
-        std::fprintf(stderr, "peer: connect failed with %u\n", client.error());
-        return 2;
-    }
+    options.sectionSize = kPeerSection;
+    auto client = KxIpclibClient::connect(ep, u"tolvCommands", echoes[0].checker(0, sizes), options);
+    if (!client)
+        return 10 + static_cast<int>(client.error());
     Streams streams = {(*client)->firstStream()};
+    if (hold) {
+        // The server's uninit closes our stream, then the link.
+        static const uint8_t hello[] = {'h', 'i'};
+        if (!streams[0]->send(0, sizeof hello, hello, Ignore) || !echoes[0].wait([&] { return echoes[0].ended; }))
+            return 1;
+        streams[0]->close(std::chrono::milliseconds(5000));
+        return (*client)->waitLinkClosed(std::chrono::seconds(60)) ? 0 : 1;
+    }
     for (uint32_t s = 1; s < count; ++s) {
-        auto more = (*client)->openStream(u"stream" + std::u16string(1, char16_t(u'0' + s)), Checker(echoes[s], s, sizes));
+        auto more = (*client)->openStream(u"stream" + std::u16string(1, char16_t(u'0' + s)), echoes[s].checker(s, sizes));
         if (!more)
             return 2;
         streams.push_back(*more);
@@ -130,62 +116,25 @@ int Connect(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc)
     return (*client)->close() ? result : 1;
 }
 
-// Echoes every message of the stream back; closes when the peer does.
-void AcceptAndEcho(std::shared_ptr<KxIpclibStream> s)
-{
-    std::weak_ptr<KxIpclibStream> weak = s;
-    s->accept(Flags<KxIpclibStreamFlag>(), [weak](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-        if (auto self = weak.lock()) {
-            if (msg->size() == 0)
-                self->close(std::chrono::milliseconds::max());
-            else
-                self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
-        }
-    });
-}
-
 int Serve(const _GUID& ep)
 {
     auto lib = std::make_shared<KxIpclib>();
     if (lib->init(0) != KxIpcStatusSuccess)
         return 2;
-    auto listener = lib->listen(ep, Flags<KxIpclibListenerFlag>(0x8), AcceptAndEcho, nullptr);
+    auto listener = lib->listen(ep, Flags<KxIpclibListenerFlag>(0x8), [](std::shared_ptr<KxIpclibStream> s) {
+        std::weak_ptr<KxIpclibStream> weak = s;
+        s->accept(Flags<KxIpclibStreamFlag>(), [weak](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+            auto self = weak.lock();
+            if (self && msg->size() == 0)
+                self->close(std::chrono::milliseconds::max());
+            else if (self)
+                self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
+        });
+    }, nullptr);
     if (!listener || (*listener)->accepting() != KxIpcStatusSuccess)
         return 2;
     for (;;)
         ::pause();  // until killed
-}
-
-int Hold(const _GUID& ep)
-{
-    Echoes ended;
-    auto client = KxIpclibClient::connect(ep, u"tolvCommands", [&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-        std::lock_guard<std::mutex> guard(ended.lock);
-        ended.ended = ended.ended || msg->size() == 0;
-        ended.changed.notify_all();
-    });
-    static const uint8_t hello[] = {'h', 'i'};
-    if (!client || !(*client)->firstStream()->send(0, sizeof hello, hello, Ignore))
-        return 2;
-    {
-        // The server's uninit closes our stream, then the link.
-        std::unique_lock<std::mutex> lock(ended.lock);
-        if (!ended.changed.wait_for(lock, std::chrono::seconds(60), [&] { return ended.ended; }))
-            return 1;
-    }
-    (*client)->firstStream()->close(std::chrono::milliseconds(5000));
-    return (*client)->waitLinkClosed(std::chrono::seconds(60)) ? 0 : 1;
-}
-
-bool ParseGuid(const char* text, _GUID& g)
-{
-    unsigned d4[8];
-    if (std::sscanf(text, "%8x-%4hx-%4hx-%2x%2x-%2x%2x%2x%2x%2x%2x", &g.Data1, &g.Data2, &g.Data3, &d4[0], &d4[1],
-                    &d4[2], &d4[3], &d4[4], &d4[5], &d4[6], &d4[7]) != 11)
-        return false;
-    for (int i = 0; i < 8; ++i)
-        g.Data4[i] = static_cast<uint8_t>(d4[i]);
-    return true;
 }
 
 } // namespace
@@ -194,25 +143,18 @@ int main(int argc, char** argv)
 {
     LogToStandardError("ipcPeer", LOG_LEVEL_ERROR);
     const std::string mode = argc >= 3 ? argv[1] : "";
-    const uint32_t extra = argc > 3 ? static_cast<uint32_t>(std::atoi(argv[3])) : 1;
+    unsigned d4[8];
     _GUID ep{};
-    if (mode == "link")
-        return OverHandedLink(std::atoi(argv[2]));
-    if (mode.empty() || !ParseGuid(argv[2], ep))
+    if (mode.empty() || std::sscanf(argv[2], "%8x-%4hx-%4hx-%2x%2x-%2x%2x%2x%2x%2x%2x", &ep.Data1, &ep.Data2, &ep.Data3,
+                                    &d4[0], &d4[1], &d4[2], &d4[3], &d4[4], &d4[5], &d4[6], &d4[7]) != 11)
         return 2;
-    if (mode == "echo")
-        return Connect(ep, extra, KxIpclibBootstrapProc::CreateSharedMemoryLinkV2);
-    if (mode == "v1")
-        return Connect(ep, 1, KxIpclibBootstrapProc::CreateSharedMemoryLink);
+    std::copy(d4, d4 + 8, ep.Data4);
     if (mode == "server")
         return Serve(ep);
-    if (mode == "hold")
-        return Hold(ep);
-    if (mode == "refused") {
-        auto client = KxIpclibClient::connect(ep, u"tolvCommands", Ignore);
-        const uint32_t status = client ? 0u : static_cast<uint32_t>(client.error());
-        std::fprintf(stderr, "peer: %s %u\n", client ? "connected, not refused" : "refused with", status);
-        return !client && status == extra ? 0 : 1;
-    }
-    return 2;
+    const auto v2 = KxIpclibBootstrapProc::CreateSharedMemoryLinkV2;
+    if (mode == "echo")
+        return Connect(ep, argc > 3 ? static_cast<uint32_t>(std::atoi(argv[3])) : 1, v2, false);
+    if (mode == "v1")
+        return Connect(ep, 1, KxIpclibBootstrapProc::CreateSharedMemoryLink, false);
+    return mode == "hold" ? Connect(ep, 1, v2, true) : 2;
 }

@@ -4,6 +4,7 @@
 // test's handler, raw blocks as a peer writes them, and starting the peer
 // program (ipcPeer).
 
+#include "ShmHandOver.h"
 #include "common/ProcessProbe.h"
 #include <tamsel/ipc/ipclibLinkListener.h>
 #include <tamsel/ipc/ipclibStream.h>

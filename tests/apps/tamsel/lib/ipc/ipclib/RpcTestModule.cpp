@@ -1,12 +1,10 @@
-// A registration module for the tests: serves each registered endpoint's
-// socket itself and forwards every request to the library's callback, one
-// call at a time. Hooks let the tests set what IsRpcServerRegistered reports
-// and see the unregistrations and what the callback returned.
+// A registration module for the tests: serves the registered endpoint's socket
+// itself (one endpoint at a time) and hands every request to the library's
+// callback. Hooks let the tests set what IsRpcServerRegistered reports and see
+// the unregistrations and what the callback returned.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -16,8 +14,6 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -27,33 +23,21 @@
 
 namespace {
 
-struct Server {
-    int socket = -1;
-    int stopPipe[2] = {-1, -1};
-    std::string path;
-    std::thread thread;
-};
-
 std::mutex g_mutex;
-std::map<std::string, std::unique_ptr<Server>> g_servers;
+int g_socket = -1;  // the endpoint's listening socket while registered
+std::string g_path;
+std::thread g_server;
 std::atomic<int> g_unregisters{0};
 std::atomic<uint8_t> g_reportRegistered{0};
-// What the library's callback returned, call by call.
-std::mutex g_resultMutex;
 std::condition_variable g_resultAdded;
-std::vector<uint32_t> g_results;
+std::vector<uint32_t> g_results;  // what the library's callback returned, call by call
 
-void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
+void Serve(int socket, KxIpclibCreateLinkCallbackFn callback)
 {
-    for (;;) {
-        pollfd fds[2] = {{server->stopPipe[0], POLLIN, 0}, {server->socket, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0)
-            continue;
-        if (fds[0].revents)
-            return;
-        const int conn = ::accept4(server->socket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (conn < 0)
-            continue;
+    // Ends when the socket is shut down.
+    for (int conn; (conn = ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; ::close(conn)) {
+        const timeval wait{5, 0};
+        ::setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
         uint8_t buf[2048];
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
         iovec io{buf, sizeof buf};
@@ -62,20 +46,20 @@ void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
         msg.msg_iovlen = 1;
         msg.msg_control = control;
         msg.msg_controllen = sizeof control;
-        pollfd wait{conn, POLLIN, 0};
-        const ssize_t n = ::poll(&wait, 1, 5000) == 1 ? ::recvmsg(conn, &msg, MSG_CMSG_CLOEXEC) : -1;
+        const ssize_t n = ::recvmsg(conn, &msg, MSG_CMSG_CLOEXEC);
         int pipe = -1;
         cmsghdr* c = CMSG_FIRSTHDR(&msg);
         if (n > 0 && c && c->cmsg_type == SCM_RIGHTS && c->cmsg_len == CMSG_LEN(sizeof(int)))
             std::memcpy(&pipe, CMSG_DATA(c), sizeof pipe);
-        if (n > 0 && !(msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) {
-            const uint32_t result = callback(conn, buf, static_cast<size_t>(n), pipe);
-            std::lock_guard<std::mutex> guard(g_resultMutex);
-            g_results.push_back(result);
-            g_resultAdded.notify_all();
-        } else if (pipe >= 0)
-            ::close(pipe);
-        ::close(conn);
+        if (n <= 0 || (msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) {
+            if (pipe >= 0)
+                ::close(pipe);
+            continue;
+        }
+        const uint32_t result = callback(conn, buf, static_cast<size_t>(n), pipe);
+        std::lock_guard<std::mutex> guard(g_mutex);
+        g_results.push_back(result);
+        g_resultAdded.notify_all();
     }
 }
 
@@ -84,52 +68,44 @@ void Serve(Server* server, KxIpclibCreateLinkCallbackFn callback)
 EXPORT uint8_t IsRpcServerRegistered(void)
 {
     std::lock_guard<std::mutex> guard(g_mutex);
-    return g_reportRegistered.load() || !g_servers.empty();
+    return g_reportRegistered.load() || g_socket >= 0;
 }
 
 EXPORT uint32_t RpcServerRegisterV2(const _GUID* endpoint, KxIpclibCreateLinkCallbackFn callback,
                                     KxIpclibModuleTraceFn trace, const void*)
 {
+    std::lock_guard<std::mutex> guard(g_mutex);
     const char* dir = std::getenv("IPCLIB_RUNTIME_DIR");
-    if (!dir || !endpoint || !callback)
+    if (!dir || !endpoint || !callback || g_socket >= 0)
         return tamsel::ipc::kSysInvalidParameter;
-    auto server = std::make_unique<Server>();
-    server->path = std::string(dir) + "/" + fmt::format("{}", *endpoint);
+    g_path = std::string(dir) + "/" + fmt::format("{}", *endpoint);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, server->path.c_str(), sizeof addr.sun_path - 1);
-    server->socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (server->socket < 0 || ::bind(server->socket, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(server->socket, 16) != 0 || ::pipe2(server->stopPipe, O_CLOEXEC) != 0) {
-        if (server->socket >= 0)
-            ::close(server->socket);
+    std::strncpy(addr.sun_path, g_path.c_str(), sizeof addr.sun_path - 1);
+    g_socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (::bind(g_socket, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(g_socket, 16) != 0) {
+        ::close(g_socket);
+        g_socket = -1;
         return tamsel::ipc::kSysDuplicateEndpoint;
     }
     if (trace)
         trace("module serves the endpoint");
-    server->thread = std::thread(Serve, server.get(), callback);
-    std::lock_guard<std::mutex> guard(g_mutex);
-    g_servers[fmt::format("{}", *endpoint)] = std::move(server);
+    g_server = std::thread(Serve, g_socket, callback);
     return 0;
 }
 
-EXPORT uint32_t RpcServerUnregister(const _GUID* endpoint, KxIpclibModuleTraceFn)
+EXPORT uint32_t RpcServerUnregister(const _GUID*, KxIpclibModuleTraceFn)
 {
-    std::unique_ptr<Server> server;
-    {
-        std::lock_guard<std::mutex> guard(g_mutex);
-        auto it = g_servers.find(fmt::format("{}", *endpoint));
-        if (it == g_servers.end())
-            return tamsel::ipc::kSysServerUnavailable;
-        server = std::move(it->second);
-        g_servers.erase(it);
-    }
-    [[maybe_unused]] ssize_t n = ::write(server->stopPipe[1], "x", 1);
-    server->thread.join();
-    ::close(server->socket);
-    ::close(server->stopPipe[0]);
-    ::close(server->stopPipe[1]);
-    ::unlink(server->path.c_str());
+    std::unique_lock<std::mutex> guard(g_mutex);
+    if (g_socket < 0)
+        return tamsel::ipc::kSysServerUnavailable;
+    ::shutdown(g_socket, SHUT_RDWR);
+    guard.unlock();
+    g_server.join();
+    guard.lock();
+    ::close(g_socket);
+    g_socket = -1;
+    ::unlink(g_path.c_str());
     ++g_unregisters;
     return 0;
 }
@@ -146,15 +122,14 @@ EXPORT int TestModuleUnregisterCalls(void)
 
 EXPORT size_t TestModuleCallbackCount(void)
 {
-    std::lock_guard<std::mutex> guard(g_resultMutex);
+    std::lock_guard<std::mutex> guard(g_mutex);
     return g_results.size();
 }
 
-// Waits up to timeoutMs for the callback's result number `index` (from 0);
-// false when it did not come.
+// Waits up to timeoutMs for the callback's result number `index` (from 0); false when it did not come.
 EXPORT bool TestModuleCallbackResult(size_t index, int timeoutMs, uint32_t* result)
 {
-    std::unique_lock<std::mutex> lock(g_resultMutex);
+    std::unique_lock<std::mutex> lock(g_mutex);
     if (!g_resultAdded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return g_results.size() > index; }))
         return false;
     *result = g_results[index];

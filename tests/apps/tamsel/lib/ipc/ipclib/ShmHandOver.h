@@ -1,7 +1,7 @@
 #pragma once
-// Shared by the tests and their peer program: handing a link's channel
-// descriptors to another process over a Unix socket (SCM_RIGHTS), as the
-// bootstrap does, and the byte pattern both processes check.
+// Shared by the tests, their peer program and the link benchmark: handing a
+// link's channel descriptors to another process over a Unix socket
+// (SCM_RIGHTS), as the bootstrap does, and the byte pattern both sides check.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
 #include <tamsel/ipc/ipclibStream.h>
@@ -9,11 +9,8 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <mutex>
 #include <vector>
 
 namespace tamsel::ipc::testing {
@@ -23,22 +20,30 @@ struct HandOver {
     uint32_t mode = 0;
 };
 
-// One datagram of `size` bytes carrying `count` descriptors.
+// A datagram of `size` bytes at `data` with room for `count` descriptors.
+struct FdMessage {
+    FdMessage(const void* data, size_t size, size_t count)
+        : io{const_cast<void*>(data), size}, control(CMSG_SPACE(sizeof(int) * count))
+    {
+        msg.msg_iov = &io;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control.data();
+        msg.msg_controllen = control.size();
+    }
+    iovec io;
+    std::vector<char> control;
+    msghdr msg{};
+};
+
 inline bool SendWithFds(int socket, const void* data, size_t size, const int* fds, size_t count)
 {
-    std::vector<char> control(CMSG_SPACE(sizeof(int) * count));
-    iovec io{const_cast<void*>(data), size};
-    msghdr msg{};
-    msg.msg_iov = &io;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control.data();
-    msg.msg_controllen = control.size();
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    FdMessage out(data, size, count);
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&out.msg);
     cmsg->cmsg_level = SOL_SOCKET;
     cmsg->cmsg_type = SCM_RIGHTS;
     cmsg->cmsg_len = CMSG_LEN(sizeof(int) * count);
     std::memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * count);
-    return ::sendmsg(socket, &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+    return ::sendmsg(socket, &out.msg, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
 }
 
 // Sends the header and ten descriptors: the creator's send channel, then its receive channel.
@@ -57,16 +62,10 @@ inline bool ReceiveHandOver(int socket, HandOver& header, KxIpclibLinkChannelRes
                             KxIpclibLinkChannelResourceLinux& creatorRecv)
 {
     std::array<int, 10> fds{};
-    char control[CMSG_SPACE(sizeof fds)] = {};
-    iovec io{&header, sizeof header};
-    msghdr msg{};
-    msg.msg_iov = &io;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    if (::recvmsg(socket, &msg, MSG_CMSG_CLOEXEC) != static_cast<ssize_t>(sizeof header))
+    FdMessage in(&header, sizeof header, fds.size());
+    if (::recvmsg(socket, &in.msg, MSG_CMSG_CLOEXEC) != static_cast<ssize_t>(sizeof header))
         return false;
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&in.msg);
     if (!cmsg || cmsg->cmsg_type != SCM_RIGHTS || cmsg->cmsg_len != CMSG_LEN(sizeof fds))
         return false;
     std::memcpy(fds.data(), CMSG_DATA(cmsg), sizeof fds);
@@ -87,37 +86,14 @@ inline std::vector<uint8_t> PatternMessage(uint32_t stream, uint32_t index, uint
     return out;
 }
 
+// The section the peer program asks for.
+inline constexpr uint32_t kPeerSection = 64 * 1024;
+
 // Sizes that cross the section's edges: one byte, around a block, around a
 // section, and several sections.
 inline std::vector<uint32_t> MessageSizes(uint32_t section)
 {
     return {1, 2, 63, 64, 1000, section - 28 - 40, section - 28 - 39, section, section + 1, 3 * section + 17};
-}
-
-// What one stream has received of the pattern messages.
-struct Echoes {
-    std::mutex lock;
-    std::condition_variable changed;
-    uint32_t received = 0;
-    uint32_t wrong = 0;
-    bool ended = false;
-};
-
-// A receive function that checks message `index` of `stream` against the pattern.
-inline KxIpclibRecvFunction Checker(Echoes& e, uint32_t stream, const std::vector<uint32_t>& sizes)
-{
-    return [&e, stream, &sizes](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-        std::lock_guard<std::mutex> guard(e.lock);
-        if (msg->size() == 0) {
-            e.ended = true;
-        } else {
-            const auto want = PatternMessage(stream, e.received, sizes[e.received % sizes.size()]);
-            if (msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0)
-                ++e.wrong;
-            ++e.received;
-        }
-        e.changed.notify_all();
-    };
 }
 
 } // namespace tamsel::ipc::testing

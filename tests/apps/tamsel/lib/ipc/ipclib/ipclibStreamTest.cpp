@@ -3,7 +3,6 @@
 // out-of-order or malformed blocks do to a stream.
 
 #include "IpcTestSupport.h"
-#include "ShmHandOver.h"
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkSharedMemLinux.h"
 #include "task/LinuxThreadPoolExecutor.h"
