@@ -1,7 +1,6 @@
 #pragma once
-// Loggers for the tests of the logging framework: a fresh default logger per
-// test, and one with a file writer in a private folder whose text is on disk
-// once Finish returns.
+// A fresh default logger per test, or one with a file writer in a private
+// folder whose text is on disk once Finish returns; shut down when the test ends.
 
 #include "common/LogCapture.h"
 #include "common/TempDir.h"
@@ -18,13 +17,12 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-using namespace tolv::log;
 
 // A local time stamp, and the whole prefix in front of a line's level letter.
 inline const std::string kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";
@@ -33,9 +31,7 @@ inline const std::string kPrefix = kStamp + R"( <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] 
 inline std::string ReadWholeFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline std::vector<std::string> SplitLines(const std::string& text)
@@ -52,18 +48,13 @@ inline bool Has(const std::string& text, const std::string& part)
     return text.find(part) != std::string::npos;
 }
 
-// Waits for what another thread makes true; the limit only ends a test that
-// would otherwise hang.
+// Waits for what another thread makes true; the limit only ends a test that would otherwise hang.
 template <typename Pred>
 bool WaitUntil(Pred&& pred)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
+    for (int i = 0; i < 12000 && !pred(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return pred();
 }
 
 class LoggerFixture : public ::testing::Test {
@@ -73,14 +64,28 @@ protected:
     {
         static int counter = 0;
         Drop();
-        logger = LoggerManager::GetInstance()->CreateLogger("test-logger-" + std::to_string(++counter), appName,
-                                                            makeDefault);
+        logger = LoggerManager::GetInstance()->CreateLogger("test-logger-" + std::to_string(++counter),
+                                                            appName, makeDefault);
         ASSERT_TRUE(logger);
+    }
+    void MakeLogger(bool makeDefault = true)
+    {
+        NewLogger("tolvTest", makeDefault);
+        writer = WriterOf<FileWriter>(LogWriter::kFileWriter);
+        ASSERT_TRUE(writer->SetProperty("folderPath", dir.path()));
     }
     template <typename W>
     RCPtr<W> WriterOf(int32_t type)
     {
         return RCPtr<W>(static_cast<W*>(logger->GetWriter(type).get()));
+    }
+    void Start() { ASSERT_TRUE(logger->Start()); }
+    // Shuts the logger down, which writes the footer, and returns its first file's text.
+    std::string Finish()
+    {
+        const std::string path = writer->GetFilePath();
+        Drop();
+        return ReadWholeFile(path);
     }
     void Drop()
     {
@@ -94,25 +99,5 @@ protected:
 
     TempDir dir;
     RCPtr<Logger> logger;
-};
-
-class FileLoggerFixture : public LoggerFixture {
-protected:
-    void MakeLogger(bool makeDefault = true)
-    {
-        NewLogger("tolvTest", makeDefault);
-        writer = WriterOf<FileWriter>(LogWriter::kFileWriter);
-        ASSERT_TRUE(writer);
-        ASSERT_TRUE(writer->SetProperty("folderPath", dir.path()));
-    }
-    void Start() { ASSERT_TRUE(logger->Start()); }
-    // Shuts the logger down (the footer is written) and returns its first file's text.
-    std::string Finish()
-    {
-        const std::string path = writer->GetFilePath();
-        Drop();
-        return ReadWholeFile(path);
-    }
-
     RCPtr<FileWriter> writer;
 };
