@@ -96,10 +96,10 @@ TEST_F(LxPollThreadTest, RunsFollowTheListWithADueItemInItsPlaceAmongSignalledOn
         SCOPED_TRACE(c.name);
         log.Clear();
         auto poll = MakeRC<LxPollThread>(c.name);
-        for (const std::string spec : c.items) {
-            const int stays = spec.ends_with(" x3") ? 3 : 1;
-            const bool evented = spec[spec.find(':') + 1] == 's';
-            auto item = Item(spec.substr(0, spec.find(':')), evented ? -1 : 0,
+        for (const std::string what : c.items) {
+            const int stays = what.ends_with(" x3") ? 3 : 1;
+            const bool evented = what[what.find(':') + 1] == 's';
+            auto item = Item(what.substr(0, what.find(':')), evented ? -1 : 0,
                              [stays](JournalItem& self) { return self.runs < stays; });
             if (evented)
                 item->SetEvent(LxEvent(false, true));
