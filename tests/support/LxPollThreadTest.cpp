@@ -180,11 +180,10 @@ TEST_F(LxPollThreadTest, RunMayWaitForAndRetimeItself)
     EXPECT_EQ(log.CountContaining("to complete"), 0u);
 }
 
-// A stop asked for by the run itself is known to come during the run.
 TEST_F(LxPollThreadTest, StopWhileAnItemRunsEndsAfterTheRunAndKeepsTheItems)
 {
     auto poll = MakeRC<LxPollThread>("Stopping");
-    // On the scheduler thread a stop only asks: it cannot wait for itself.
+    // Asked for by the run itself, so known to come during it; there it only asks.
     auto busy = Busy([](JournalItem& self) { self.GetPollThread()->StopScheduler(); });
     ASSERT_TRUE(poll->AddItem(busy));
     ASSERT_TRUE(poll->StartScheduler());
@@ -219,7 +218,6 @@ TEST_F(LxPollThreadTest, RefusedAdditionsAndRemovalsChangeNothing)
     EXPECT_FALSE(second->RemoveItem(Item("stranger", -1), false));
     EXPECT_EQ(first->GetItemCount(), 1u);
     EXPECT_EQ(second->GetItemCount(), 0u);
-    EXPECT_EQ(item->GetPollThread().get(), first.get());
     first.reset(); // going away, a thread lets go of its items
     EXPECT_EQ(item->GetOwnerId(), 0u);
     EXPECT_TRUE(second->AddItem(item));
