@@ -43,24 +43,17 @@ public:
         std::lock_guard<std::mutex> guard(m_mutex);
         return m_lines;
     }
-
     // Lines whose text equals `text` (and whose function is `function`, when given).
     size_t Count(const std::string& text, const std::string& function = {}) const
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), [&](const CapturedLine& l) {
+        return CountIf([&](const CapturedLine& l) {
             return l.text == text && (function.empty() || l.function == function);
-        }));
+        });
     }
-
     size_t CountContaining(const std::string& part) const
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), [&](const CapturedLine& l) {
-            return l.text.find(part) != std::string::npos;
-        }));
+        return CountIf([&](const CapturedLine& l) { return l.text.find(part) != std::string::npos; });
     }
-
     void Clear()
     {
         std::lock_guard<std::mutex> guard(m_mutex);
@@ -68,6 +61,13 @@ public:
     }
 
 private:
+    template <typename Pred>
+    size_t CountIf(Pred pred) const
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), pred));
+    }
+
     mutable std::mutex m_mutex;
     std::vector<CapturedLine> m_lines;
     LogSink* m_previous = nullptr;

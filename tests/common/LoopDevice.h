@@ -1,7 +1,6 @@
 #pragma once
-// Real loop devices for tests, attached with autoclear while this object holds
-// one descriptor of it open, so that the kernel detaches it even when the test
-// process dies. Mounts are made in the test process's own mount namespace.
+// Real loop devices, attached with autoclear while this object holds one open,
+// so that the kernel detaches them even when the test process dies.
 
 #include "common/TempDir.h"
 

@@ -8,26 +8,24 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 class SettingsStore {
 public:
     SettingsStore()
     {
-        const char* saved = getenv("LXREG_ROOT");
-        m_hadRoot = saved != nullptr;
-        m_savedRoot = saved ? saved : "";
+        if (const char* saved = getenv("LXREG_ROOT"))
+            m_savedRoot = saved;
         setenv("LXREG_ROOT", m_dir.path().c_str(), 1);
     }
     ~SettingsStore()
     {
-        if (m_hadRoot)
-            setenv("LXREG_ROOT", m_savedRoot.c_str(), 1);
+        if (m_savedRoot)
+            setenv("LXREG_ROOT", m_savedRoot->c_str(), 1);
         else
             unsetenv("LXREG_ROOT");
     }
-    SettingsStore(const SettingsStore&) = delete;
-    SettingsStore& operator=(const SettingsStore&) = delete;
 
     const std::string& path() const { return m_dir.path(); }
 
@@ -36,10 +34,7 @@ public:
     {
         std::filesystem::create_directories(m_dir.path() + "/" + key);
         const std::string file = m_dir.path() + "/" + key + "/" + name;
-        {
-            std::ofstream out(file + ".new", std::ios::binary);
-            out << text;
-        }
+        std::ofstream(file + ".new", std::ios::binary) << text;
         std::filesystem::rename(file + ".new", file);
     }
     void Remove(const std::string& key, const std::string& name) const
@@ -49,6 +44,5 @@ public:
 
 private:
     TempDir m_dir;
-    bool m_hadRoot = false;
-    std::string m_savedRoot;
+    std::optional<std::string> m_savedRoot;
 };

@@ -1,9 +1,6 @@
 #pragma once
-// A worker and its peer installed side by side in a private folder, with a
-// private runtime folder for endpoints, an empty settings store and a private
-// temporary folder that receives the worker's log: for tests that run them as
-// the user does. The including target defines TOLV_WORKER_PATH and
-// TOLV_PEER_PATH, the programs as built.
+// A worker and its peer (TOLV_WORKER_PATH, TOLV_PEER_PATH) installed side by
+// side in a private folder, with private endpoints, settings and log folder.
 
 #include "common/ChildProcess.h"
 #include "common/LoopDevice.h"

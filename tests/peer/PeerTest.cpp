@@ -3,7 +3,6 @@
 
 #include "peer/DriveClient.h"
 #include "peer/DriveSession.h"
-#include "peer/NtStatusText.h"
 #include "peer/PeerCommandLine.h"
 #include "peer/ProgressMeter.h"
 
@@ -41,9 +40,8 @@ std::vector<uint8_t> Reply(uint64_t ioContext, uint32_t status, const std::vecto
     return record;
 }
 
-// A worker behind a DriveClient for a drive of `driveEnd` bytes, each its
-// offset's low byte: reads past the end get end of file, reads across it the
-// bytes up to it, and the read at `shortAt` one byte less than asked.
+// A worker for a drive of `driveEnd` bytes, each its offset's low byte; the
+// read at `shortAt` gets one byte less than asked.
 struct FakeReadWorker {
     struct ReadFields {
         uint64_t ioContext = 0;
@@ -61,9 +59,8 @@ struct FakeReadWorker {
 
     uint64_t driveEnd = UINT64_MAX;
     uint64_t shortAt = UINT64_MAX;
-    // Holds a request back until a second one is sent, unless it is the last
-    // of the drive: a session that waits for each reply before sending on
-    // never ends.
+    // A lone request waits for a second unless it is the drive's last: a
+    // session that awaits each reply before sending on never ends.
     bool holdFirst = false;
     std::vector<uint32_t> lengths;
     size_t maxInFlight = 0;
@@ -174,13 +171,6 @@ TEST(ProgressMeter, ShowsPercentBytesRateAndTimeLeft)
     EXPECT_EQ(ProgressMeter::Bytes(1023), "1023 B");
     EXPECT_EQ(ProgressMeter::Bytes(1536), "1.5 KiB");
     EXPECT_EQ(ProgressMeter::Duration(3725), "1:02:05");
-}
-
-TEST(NtStatusText, NamesTheStatusInWords)
-{
-    EXPECT_EQ(NtStatusText(0xC0000011), "STATUS_END_OF_FILE (0xC0000011): end of file");
-    EXPECT_EQ(NtStatusText(0xC00000A2).rfind("STATUS_MEDIA_WRITE_PROTECTED", 0), 0u);
-    EXPECT_EQ(NtStatusText(0xC0001234), "NT status 0xC0001234");
 }
 
 TEST(DriveClient, RepliesFindTheirRequestsWhateverTheirOrderUntilTheChannelGoesDown)

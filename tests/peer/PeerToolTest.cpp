@@ -70,7 +70,7 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
     EXPECT_THAT(install.WorkerLog(), HasSubstr("Openning /proc/self/mem failed with errno 124 (Wrong medium type)."));
 }
 
-TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadOrTheResults)
+TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadOrTheResultsAndErrorTheRest)
 {
     Installation install;
     const std::string data = install.file("data.bin");
@@ -102,9 +102,20 @@ TEST(PeerTool, StandardOutputHoldsOnlyTheBytesOfAReadOrTheResults)
         EXPECT_EQ(result["writable"], true);
         EXPECT_EQ(result["device"], false);
     }
+
+    // Progress of the copy and of its check when asked for; standard error is
+    // a file here, so by default nothing is shown.
+    const auto shown = install.Peer({"-p", "copy-out", data, install.file("image.bin")});
+    ASSERT_EQ(shown.code, 0) << shown.err;
+    const std::regex done(R"(copy-out 100% 97\.7 KiB of 97\.7 KiB, [0-9.]+ [KMGT]?i?B/s, in \d+:\d\d)");
+    EXPECT_TRUE(std::regex_search(shown.err, done)) << shown.err;
+    EXPECT_THAT(shown.err, HasSubstr("check 100% 97.7 KiB of 97.7 KiB"));
+    const auto quiet = install.Peer({"copy-in", install.file("image.bin"), data});
+    ASSERT_EQ(quiet.code, 0) << quiet.err;
+    EXPECT_THAT(quiet.err, Not(HasSubstr("%")));
 }
 
-TEST(PeerTool, HelpVersionAndRefusedNumbersEndTheRunBeforeAnyWorker)
+TEST(PeerTool, ExitCodesOfHelpVersionRefusedNumbersAndAFailedWorker)
 {
     Installation install;
     for (const std::string& program : {install.peer(), install.worker()}) {
@@ -124,32 +135,12 @@ TEST(PeerTool, HelpVersionAndRefusedNumbersEndTheRunBeforeAnyWorker)
         EXPECT_THAT(run.err, HasSubstr("usage: veltrane-protocol.exe"));
     }
     EXPECT_EQ(install.WorkerLog(), "");
-}
 
-TEST(PeerTool, ProgressOfTheCopyAndOfTheCheckWhenAskedFor)
-{
-    Installation install;
-    const std::string data = install.file("data.bin");
-    WritePatternFile(data, 3u << 20);
-    const auto shown = install.Peer({"-p", "copy-out", data, install.file("image.bin")});
-    ASSERT_EQ(shown.code, 0) << shown.err;
-    const std::regex done(R"(copy-out 100% 3\.0 MiB of 3\.0 MiB, [0-9.]+ [KMGT]?i?B/s, in \d+:\d\d)");
-    EXPECT_TRUE(std::regex_search(shown.err, done)) << shown.err;
-    EXPECT_THAT(shown.err, HasSubstr("check 100% 3.0 MiB of 3.0 MiB"));
-    // Standard error is a file here, so by default nothing is shown.
-    const auto quiet = install.Peer({"copy-in", install.file("image.bin"), data});
-    ASSERT_EQ(quiet.code, 0) << quiet.err;
-    EXPECT_THAT(quiet.err, Not(HasSubstr("%")));
-}
-
-TEST(PeerTool, AWorkerThatExitsWithAnErrorFailsTheRun)
-{
-    Installation install;
-    // The real worker, whose exit code a wrapper replaces.
+    // A worker that exits with an error fails the run: the real one, whose
+    // exit code a wrapper replaces.
     const std::string wrapper = install.file("bin/failing-worker");
     std::ofstream(wrapper) << "#!/bin/sh\n\"${0%/*}/tolvClientWorker\" \"$@\"\nexit 3\n";
     ASSERT_EQ(chmod(wrapper.c_str(), 0755), 0);
-    WritePatternFile(install.file("data.bin"), 4096);
     const auto run = install.Peer({"--worker", wrapper, "query", "E", install.file("data.bin"), "release", "E"});
     EXPECT_EQ(run.code, 4) << run.err;
     EXPECT_THAT(run.err, HasSubstr("the worker exited with 3"));
@@ -180,26 +171,7 @@ TEST(PeerTool, AnInterruptReleasesTheWorkerAndRemovesThePartialImage)
     }
 }
 
-TEST_F(WorkerLoop, DevNameAndBackslashNameAreTheSameDrive)
-{
-    auto device = Attach("disk.img", 4u << 20, 8);
-    ASSERT_TRUE(device);
-    const auto run = install.Peer({"--json", "query", "E", device->path(), "query", "F", device->drivePath()});
-    ASSERT_EQ(run.code, 0) << run.err;
-    auto first = nlohmann::json::parse(run.out.substr(0, run.out.find('\n')));
-    auto second = nlohmann::json::parse(run.out.substr(run.out.find('\n') + 1));
-    EXPECT_EQ(first["device"], true);
-    EXPECT_EQ(first["size"], 4u << 20);
-    EXPECT_EQ(first["bytes_per_sector"], 512);
-    EXPECT_EQ(first["sent_path"], device->drivePath());
-    for (const char* field : {"drive", "path"}) {
-        first.erase(field);
-        second.erase(field);
-    }
-    EXPECT_EQ(first, second);
-}
-
-TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
+TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOutUnderEitherName)
 {
     auto device = AttachMountedExt4("disk.img", 32u << 20, 9);
     ASSERT_TRUE(device);
@@ -218,6 +190,20 @@ TEST_F(WorkerLoop, ABusyMountStopsWritesUnlessForcedAndWarnsACopyOut)
     }
     EXPECT_TRUE(ReadFile(dir.file("disk.img")) == before) << "written without --force";
     EXPECT_EQ(device->MountPoints(), std::vector<std::string>{mnt()});
+    // /dev/loopN and \\.\loopN are the same drive.
+    const auto json = install.Peer({"--json", "query", "E", device->path(), "query", "F", device->drivePath()});
+    ASSERT_EQ(json.code, 0) << json.err;
+    auto first = nlohmann::json::parse(json.out.substr(0, json.out.find('\n')));
+    auto second = nlohmann::json::parse(json.out.substr(json.out.find('\n') + 1));
+    EXPECT_EQ(first["device"], true);
+    EXPECT_EQ(first["size"], 32u << 20);
+    EXPECT_EQ(first["bytes_per_sector"], 512);
+    EXPECT_EQ(first["sent_path"], device->drivePath());
+    for (const char* field : {"drive", "path"}) {
+        first.erase(field);
+        second.erase(field);
+    }
+    EXPECT_EQ(first, second);
     const auto copy = install.Peer({"copy-out", device->path(), dir.file("out.img")});
     EXPECT_EQ(copy.code, 0) << copy.err;
     EXPECT_THAT(copy.err, HasSubstr("the image may be of a live file system"));

@@ -1,9 +1,6 @@
-// A peer that floods the worker, installed as veltrane-protocol.exe beside it:
-// it queries FILE, then stops taking the worker's replies (its receive
-// function blocks), sends 64 reads of 1 MiB and COUNT writes of 1 MiB, writes
-// "flooded" to FIFO once every send is queued, and waits to be killed.
-//
-//   floodPeer ENDPOINT FILE FIFO COUNT
+// floodPeer ENDPOINT FILE FIFO COUNT: queries FILE, then blocks its receive
+// function, sends 64 reads and COUNT writes of 1 MiB, writes "flooded" to FIFO
+// and waits to be killed. Installed as veltrane-protocol.exe beside the worker.
 
 #include <tolv/worker/DriveRequests.h>
 

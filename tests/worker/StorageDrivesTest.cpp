@@ -1,8 +1,5 @@
-// The drive service: its records, drive paths and mounts, then requests run
-// through it the way the connection layer does, on real files through the
-// Linux drive calls and on real loop devices (lock as an exclusive claim,
-// dismount, geometry, release). What the worker answers over the wire is held
-// against the documents by tests/wire.
+// The drive service on real files and loop devices, run the way the connection
+// layer does. Its wire format is held against the documents by tests/wire.
 
 #include <tolv/worker/DriveRequests.h>
 #include "worker/DriveCalls.h"
@@ -96,9 +93,8 @@ std::u16string Wide(const std::string& path)
     return *tolv::platform::Utf8ToUtf16(path);
 }
 
-// The whole reply to a successful query of a fixed disk of 255 heads, 63
-// sectors a track and 512-byte sectors, laid out by hand, not by the encoder
-// under test.
+// A successful query's reply for a fixed disk of 255 heads, 63 sectors a track
+// and 512-byte sectors, laid out by hand.
 std::vector<uint8_t> QueryReplyBytes(uint64_t ioContext, uint64_t diskSize, uint8_t readOnly)
 {
     std::vector<uint8_t> bytes(64, 0);
@@ -159,45 +155,18 @@ protected:
 
 } // namespace
 
-TEST(DriveRequests, QueryPathNeedsItsTerminatorInsideTheMessage)
-{
-    const std::vector<std::vector<uint8_t>> payloads = {
-        {1, 0, 0, 0, 'a', 0, 0, 0},    // id and "a": the one that decodes
-        {1, 0, 0, 0, 'a', 0, 'b', 0},  // unterminated
-        {1, 0, 0, 0, 'a', 0, 0},       // a lone zero byte is not a 16-bit zero
-        {1, 0, 0, 0, 0},
-        {}};
-    for (size_t i = 0; i < payloads.size(); ++i) {
-        DR_QUERY_DISK_REQ query;
-        query.path = u"stale";
-        EXPECT_EQ(DecodeQueryDiskRequest(payloads[i].empty() ? nullptr : payloads[i].data(), payloads[i].size(),
-                                         query),
-                  i == 0)
-            << "payload " << i;
-        EXPECT_TRUE(i != 0 || (query.path == u"a" && query.id == 1));
-    }
-}
-
 TEST(DrivePath, DeviceNamesMapUnderDevAndNothingLeavesIt)
 {
     const char* const refused = "(refused)";
     const std::pair<std::u16string, const char*> rows[] = {
-        {u"\\\\.\\loop3", "/dev/loop3"},
-        {u"\\\\.\\mapper\\vg-data", "/dev/mapper/vg-data"},
+        {u"\\\\.\\loop3", "/dev/loop3"}, {u"\\\\.\\mapper\\vg-data", "/dev/mapper/vg-data"},
         {u"/var/images/disk.img", "/var/images/disk.img"},
-        {u"relative\\name", refused},  // relative paths mean nothing to the peer
-        {u"C:\\disk.img", refused},
-        {u"", refused},
-        {u"\\\\.\\", refused},
-        {u"\\\\.", refused},
-        {u"\\\\.x", refused},
-        {u"\\\\.\\..\\etc\\shadow", refused},
-        {u"\\\\.\\mapper\\..\\..\\etc", refused},
-        {u"\\\\.\\mapper\\\\x", refused},
-        {u"\\\\.\\loop3\\", refused},
-        {std::u16string(u"/tmp/a\0b", 8), refused},
-        {std::u16string{u'/', u'\xD800'}, refused},
-    };
+        // Relative paths mean nothing to the peer; device names stay inside /dev.
+        {u"relative\\name", refused}, {u"C:\\disk.img", refused}, {u"", refused}, {u"\\\\.\\", refused},
+        {u"\\\\.", refused}, {u"\\\\.x", refused}, {u"\\\\.\\..\\etc\\shadow", refused},
+        {u"\\\\.\\mapper\\..\\..\\etc", refused}, {u"\\\\.\\mapper\\\\x", refused},
+        {u"\\\\.\\loop3\\", refused}, {std::u16string(u"/tmp/a\0b", 8), refused},
+        {std::u16string{u'/', u'\xD800'}, refused}};
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(DrivePathToLinux(rows[i].first).value_or(refused), rows[i].second) << "row " << i;
     EXPECT_TRUE(IsDevicePath(u"\\\\.\\E:"));
@@ -340,9 +309,8 @@ TEST_F(StorageDrivesFile, LongReadsAreServedAndMemoryShortageIsAnAnswer)
     const uint32_t longRead = (64u << 20) + 4096;  // longer than 64 MiB: served whole
     EXPECT_EQ(Read('B', 4096, longRead).readData().size(), longRead);
 
-    // A buffer that cannot be had, whether the allocator says so with null or
-    // with std::bad_alloc, or a reply that would not fit in one message (for
-    // which nothing is allocated), is answered with 0xC000009A.
+    // No buffer (null or std::bad_alloc), or a reply too long for one message
+    // (nothing is allocated for it): 0xC000009A.
     static constexpr size_t kOneGiB = size_t{1} << 30;
     auto refuseNull = [](size_t size) -> void* { return size > kOneGiB ? nullptr : std::malloc(size); };
     auto refuseThrow = [](size_t size) -> void* {
@@ -431,8 +399,7 @@ TEST_F(StorageDrivesFile, ConcurrentTransfersNeverSeeAClosedOrReusedDescriptor)
             }
         });
     }
-    // Meanwhile another thread keeps replacing another letter's record on the
-    // same file.
+    // Meanwhile another letter's record on the same file is replaced again and again.
     std::atomic<bool> stop{false};
     std::thread requery([&] {
         while (!stop)
@@ -476,8 +443,7 @@ TEST_F(StorageDrivesLoop, QueryLocksAndDismountsEveryMountOfADevice)
     ASSERT_EQ(device->MountPoints().size(), 2u);
     const auto reply = Query(*device, 'E', 9, 0x55);
     EXPECT_TRUE(reply.result);
-    // Writable, fixed (loop devices are not removable), and 255/63 since loop
-    // has no geometry of its own.
+    // Loop devices are fixed, with no geometry of their own: 255/63.
     EXPECT_EQ(reply.raw, QueryReplyBytes(0x55, kImageSize, 0));
     // First lock refused while mounted, dismount, then the retry holds the claim.
     EXPECT_EQ(log.Count("FSCTL_LOCK_VOLUME failed."), 1u);
@@ -504,8 +470,7 @@ TEST_F(StorageDrivesLoop, EveryByteRoundTripsAndAReadOnlyDeviceRefusesWrites)
                     PatternBytes(offset, kChunk, 7))
             << "offset " << offset;
     }
-    // Odd offsets and lengths, written through the service and read back, and
-    // through an independent descriptor of the device.
+    // Odd offsets and lengths, read back through the service and past it.
     const auto data = PatternBytes(0, 100003, 5);
     const uint64_t offset = kImageSize - 100003 - 13;
     const auto written = CallService(drives, EncodeWriteRequest(1, 'E', 1, offset, data.data(), 100003));

@@ -1,6 +1,5 @@
 // tolvClientWorker and veltrane-protocol.exe as the user runs them: real
-// processes, a real endpoint, real files and loop devices. Every worker writes
-// its log into a private folder, where the tests read its lines.
+// processes, endpoints, files and loop devices.
 
 #include "common/ProcessProbe.h"
 #include "common/WorkerInstallation.h"
@@ -22,10 +21,8 @@ using testing::Each;
 
 namespace {
 
-// Makes `path` a file of `size` bytes that holds pseudo-random data at each
-// {offset, length} piece and holes everywhere else. Each piece starts and ends
-// with a non-zero byte, so its bounds are exact. Returns the bytes of the
-// 4 KiB blocks the pieces touch: what the file needs allocated.
+// A file of holes and pseudo-random {offset, length} pieces that start and
+// end with a non-zero byte; returns the bytes of the 4 KiB blocks they touch.
 uint64_t WriteSparseFile(const std::string& path, uint64_t size,
                          const std::vector<std::pair<uint64_t, size_t>>& pieces, uint32_t seed)
 {
@@ -106,8 +103,7 @@ TEST(WorkerProcess, BadArgumentsEndWithMinusOneBeforeAnyIpcAndNobodyConnectingWi
     for (const std::string& line : {"Listening on the endpoint "s + kEndpoint + ".", "Check the conneciton count: 0."s,
                                     "Quit for there are no connections."s, "*** LOG FILE COMPLETE ***"s})
         EXPECT_THAT(log, HasSubstr(line));
-    // The start-up block: the worker's version record and file time, the
-    // session it runs in (this test's), and the system.
+    // The start-up block: the worker's version, its session (this test's), the system.
     const std::string version = ProcessUtils::GetModuleVersionText(install.worker());
     EXPECT_EQ(version.rfind("version=", 0), 0u);
     const std::string session =
@@ -162,8 +158,7 @@ TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExactAndFailuresNameTheStatus)
                              "E", "copy-out", data, install.file("image.bin")});
     ASSERT_EQ(run.code, 0) << run.err;
     EXPECT_THAT(run.err, HasSubstr("checksum crc32"));
-    // The write landed at its offset and nowhere else; a range past the end
-    // is clipped at the size the query recorded.
+    // A range past the end is clipped at the size the query recorded.
     const std::string expected = std::string(before).replace(777, 100000, ReadFile(patch));
     EXPECT_TRUE(ReadFile(data) == expected);
     EXPECT_TRUE(ReadFile(install.file("range.bin")) == before.substr(1000, 3000000));
@@ -205,8 +200,7 @@ TEST(WorkerDrives, CopyOutLeavesHolesWhereTheDriveIsZero)
     const auto run = install.Peer(
         {"copy-out", first, install.file("first.img"), "copy-out", second, install.file("second.img")});
     ASSERT_EQ(run.code, 0) << run.err;
-    // The same bytes (and so the same size); only the blocks with data take
-    // space, where written out whole these take 64 and 32 MiB.
+    // Only the blocks with data take space; written out whole, 64 and 32 MiB.
     EXPECT_TRUE(ReadFile(install.file("first.img")) == ReadFile(first));
     EXPECT_TRUE(ReadFile(install.file("second.img")) == ReadFile(second));
     EXPECT_LE(AllocatedBytes(install.file("first.img")), firstData + slack);
@@ -237,8 +231,7 @@ TEST(WorkerProcess, AStartingWorkerClearsTheEndpointsOfKilledWorkersOnly)
         }
         return found;
     };
-    // Live at once, so that no start clears another's; the live one is kept
-    // from quitting by a peer held mid-read.
+    // Live at once, so that no start clears another's; a held peer keeps the live one.
     const std::vector<std::string> killed = {"a1b2c3d4e5f60718293a4b5c6d7e8f90", "0f1e2d3c4b5a69788796a5b4c3d2e1f0"};
     const std::string live = "5d4c3b2a1f0e4d3c8b7a695847362514";
     std::vector<std::unique_ptr<ChildProcess>> workers;
@@ -307,8 +300,7 @@ TEST_F(WorkerLoop, PeersAtOnceEachGetTheirOwnDrivesAndAKilledOneLetsItsDriveGo)
     auto second = Attach("b.img", size, 22);
     ASSERT_TRUE(first && second);
     auto worker = install.StartWorker();
-    // The first peer stays connected, its reads held by the pipe, while a
-    // second copies a whole device and a third is killed mid-read.
+    // One peer is held mid-read while a second copies a device and a third is killed.
     HeldRead one(install, first->drivePath(), size, dir.file("fifo1"));
     auto two = install.Peer({"--endpoint", kEndpoint, "copy-out", second->drivePath(), dir.file("b.out")});
     EXPECT_EQ(two.code, 0) << two.err;
@@ -344,16 +336,13 @@ TEST(WorkerFlood, APeerThatSendsWithoutTakingRepliesCannotGrowTheWorker)
     const std::string fifo = install.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     auto worker = install.StartWorker();
-    // 1 GiB of writes and 64 MiB of read replies offered to a worker whose
-    // replies the peer never takes.
+    // 1 GiB of writes and 64 MiB of read replies that the peer never takes.
     auto flood = install.Start({install.peer(), kEndpoint, install.file("scratch.bin"), fifo, "1024"});
     std::string word;
     std::ifstream(fifo) >> word;
     ASSERT_EQ(word, "flooded") << flood->Stderr();
-    // What the worker holds cannot be watched from outside; sample its memory
-    // while the flood is offered. Unbounded, it grows by the link's speed,
-    // hundreds of MiB a second. (Sanitizer builds keep freed memory in
-    // quarantine, so their resident size says nothing here.)
+    // Unbounded, the worker grows by hundreds of MiB a second. (Sanitizer
+    // builds keep freed memory in quarantine, so their size says nothing.)
     uint64_t peakKiB = 0;
     for (int i = 0; i < 80; ++i) {
         std::ifstream status("/proc/" + std::to_string(worker->pid()) + "/status");
