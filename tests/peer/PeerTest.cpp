@@ -4,18 +4,16 @@
 #include "peer/DriveClient.h"
 #include "peer/DriveSession.h"
 #include "peer/PeerCommandLine.h"
-#include "peer/ProgressMeter.h"
 
 #include "platform/LittleEndian.h"
 #include <tolv/platform/NtStatus.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 
 using namespace tolv::worker;
+using tolv::platform::LoadLe;
 
 namespace {
 
@@ -48,13 +46,9 @@ struct FakeReadWorker {
         uint64_t offset = 0;
         uint32_t length = 0;
     };
-    static ReadFields Decode(const std::vector<uint8_t>& record)
+    static ReadFields Decode(const std::vector<uint8_t>& record)  // ioContext, offset, length
     {
-        DR_REQ_HEADER header;
-        DR_READ_REQ read;
-        EXPECT_TRUE(DecodeRequestHeader(record.data(), record.size(), header) &&
-                    DecodeReadRequest(record.data() + DR_REQ_HEADER_SIZE, record.size() - DR_REQ_HEADER_SIZE, read));
-        return {header.ioContext, read.offset, read.length};
+        return {LoadLe<uint64_t>(&record.at(0)), LoadLe<uint64_t>(&record.at(32)), LoadLe<uint32_t>(&record.at(40))};
     }
 
     uint64_t driveEnd = UINT64_MAX;
@@ -103,20 +97,15 @@ bool OffsetBytes(const std::vector<uint8_t>& data, uint64_t from)
 
 TEST(PeerCommandLine, OptionsAsLinuxToolsTakeThemAndRefusalsOfWhatItCannotRun)
 {
-    auto options = Parse({"-p", "--timeout=7", "--json", "--force", "--keep-partial", "--", "query", "e:", "/x",
-                          "query", "--json", "F", "/y", "release", "e"});
+    auto options = Parse({"--timeout=7", "--", "query", "e:", "/x", "query", "--json", "F", "/y"});
     ASSERT_TRUE(options);
-    EXPECT_EQ(options->progress, ProgressMode::On);
     EXPECT_EQ(options->timeoutSeconds, 7u);
-    EXPECT_TRUE(options->force && options->keepPartial);
-    EXPECT_TRUE(options->steps.at(0).json && options->steps.at(1).json);
-    EXPECT_EQ(options->steps.at(2).letter, 'E');
-    EXPECT_FALSE(Parse({"query", "E", "/x"})->steps[0].json);
+    EXPECT_EQ(options->steps.at(0).letter, 'E');
+    EXPECT_TRUE(options->steps.at(1).json && !options->steps.at(0).json);
     // The last of the progress options wins; without one, a terminal decides.
     EXPECT_EQ(Parse({"--progress", "--quiet", "release", "E"})->progress, ProgressMode::Off);
     EXPECT_EQ(Parse({"--no-progress", "-p", "release", "E"})->progress, ProgressMode::On);
     EXPECT_EQ(Parse({"release", "E"})->progress, ProgressMode::Auto);
-
     const std::vector<std::vector<std::string>> refused = {
         {}, {"--quiet"}, {"query", "E"}, {"query", "EE", "/x"}, {"query", "1", "/x"},
         {"read", "E", "-1", "10", "out"}, {"read", "E", "0", "0", "out"}, {"read", "E", "0", "4294967296", "out"},
@@ -145,32 +134,6 @@ TEST(PeerCommandLine, ByteCountsAreDecimalWithBinarySuffixesOrHex)
         const bool parsed = ParseByteCount(row.first, value);
         EXPECT_EQ(parsed ? std::optional<uint64_t>(value) : std::nullopt, row.second) << '"' << row.first << '"';
     }
-}
-
-TEST(ProgressMeter, ShowsPercentBytesRateAndTimeLeft)
-{
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    ASSERT_NE(out, nullptr);
-    {
-        ProgressMeter meter(out, false, "copy-out");
-        const auto start = ProgressMeter::Clock::now();
-        meter.Update(1u << 20, 100u << 20, start + std::chrono::seconds(1));  // too soon for a line
-        meter.Update(25u << 20, 100u << 20, start + std::chrono::seconds(10));
-        meter.Update(100u << 20, 100u << 20, start + std::chrono::seconds(40));
-        meter.Update(100u << 20, 100u << 20, start + std::chrono::seconds(41));  // finished already
-    }
-    std::fclose(out);
-    const std::string shown(text, size);
-    std::free(text);
-    // The rate is from the meter's start, a moment before `start`.
-    EXPECT_EQ(shown,
-              "copy-out  25% 25.0 MiB of 100.0 MiB, 2.5 MiB/s, 0:30 left\n"
-              "copy-out 100% 100.0 MiB of 100.0 MiB, 2.5 MiB/s, in 0:40\n");
-    EXPECT_EQ(ProgressMeter::Bytes(1023), "1023 B");
-    EXPECT_EQ(ProgressMeter::Bytes(1536), "1.5 KiB");
-    EXPECT_EQ(ProgressMeter::Duration(3725), "1:02:05");
 }
 
 TEST(DriveClient, RepliesFindTheirRequestsWhateverTheirOrderUntilTheChannelGoesDown)

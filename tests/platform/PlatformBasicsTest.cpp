@@ -20,26 +20,18 @@ TEST(UniqueFd, ClosesOnceAndMovesOwnership)
 {
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
-    ::close(fds[1]);
     {
         UniqueFd a(fds[0]);
         UniqueFd b(std::move(a));
-        EXPECT_FALSE(a.valid());
-        EXPECT_EQ(b.get(), fds[0]);
         UniqueFd c;
         c = std::move(b);
-        EXPECT_TRUE(IsOpen(fds[0]));
+        EXPECT_FALSE(a.valid() || b.valid());
+        EXPECT_EQ(c.get(), fds[0]);
+        const int released = UniqueFd(fds[1]).release();  // stays ours to close
+        EXPECT_TRUE(IsOpen(fds[0]) && IsOpen(released));
+        c.reset(released);
+        EXPECT_FALSE(IsOpen(fds[0]));
     }
-    EXPECT_FALSE(IsOpen(fds[0]));
-
-    ASSERT_EQ(::pipe(fds), 0);
-    UniqueFd keep(fds[0]);
-    const int released = keep.release();
-    EXPECT_EQ(keep.get(), -1);
-    EXPECT_TRUE(IsOpen(released));
-    keep.reset(fds[1]);  // takes another; the released one stays ours to close
-    ::close(released);
-    keep.reset();
     EXPECT_FALSE(IsOpen(fds[1]));
 }
 
@@ -63,24 +55,18 @@ TEST(LeReader, ReadsLittleEndianAndNeverPastTheEnd)
     LeReader reader(bytes.data(), bytes.size());
     uint16_t a = 0;
     uint64_t b = 0;
-    ASSERT_TRUE(reader.u16(a));
-    EXPECT_EQ(a, 0x0201);
-    ASSERT_TRUE(reader.u64(b));
-    EXPECT_EQ(b, 0x0A09080706050403ull);
     uint32_t c = 0xFFFFFFFF;
-    EXPECT_FALSE(reader.u32(c));  // one byte left
-    EXPECT_EQ(c, 0xFFFFFFFFu);     // a failed read leaves the target and the cursor alone
-    EXPECT_EQ(reader.remaining(), 1u);
     const uint8_t* view = nullptr;
-    EXPECT_FALSE(reader.bytes(2, view));
-    EXPECT_FALSE(reader.skip(SIZE_MAX));
+    ASSERT_TRUE(reader.u16(a) && reader.u64(b));
+    EXPECT_EQ(a, 0x0201);
+    EXPECT_EQ(b, 0x0A09080706050403ull);
+    // With one byte left: a failed read leaves the target and the cursor alone.
+    EXPECT_FALSE(reader.u32(c) || reader.bytes(2, view) || reader.skip(SIZE_MAX));
+    EXPECT_EQ(c, 0xFFFFFFFFu);
     ASSERT_TRUE(reader.bytes(1, view));
     EXPECT_EQ(*view, 0x0B);
     EXPECT_EQ(reader.remaining(), 0u);
-
-    LeReader empty(nullptr, 100);  // a null buffer has no bytes whatever its size says
-    EXPECT_FALSE(empty.skip(1));
-
+    EXPECT_FALSE(LeReader(nullptr, 100).skip(1));  // a null buffer has no bytes whatever its size says
     uint8_t out[8];
     StoreLe<uint64_t>(out, 0x1122334455667788ull);
     EXPECT_EQ(out[0], 0x88);
