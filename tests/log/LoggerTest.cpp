@@ -2,6 +2,7 @@
 #include "log/FunctionTrace.h"
 #include "log/LogTestSupport.h"
 #include <tolv/log/IpcTrace.h>
+#include <tolv/log/LogLevel.h>
 
 #include <cerrno>
 #include <set>
@@ -115,6 +116,9 @@ TEST_F(LoggerTest, FrontEndCallsReachTheFileAndTheSinkAtTheirLevel)
     for (const char* unseen : {"nested", "direct debug", "ipc not written", "Traced::Hidden()"})
         EXPECT_FALSE(Has(text, unseen)) << unseen;
     EXPECT_TRUE(std::regex_search(text, std::regex(R"(I Traced::Timed\(\): Exit\(\d+ms\)\n)")));
+    // A level out of range still has a name.
+    EXPECT_STREQ(LogLevelName(8), "UNKNOWN");
+    EXPECT_STREQ(LogLevelName(-1), "UNKNOWN");
 }
 
 TEST_F(LoggerTest, NamesAreUniqueAndAStartNeedsAUsableWriter)
@@ -197,13 +201,13 @@ protected:
 
 TEST_F(RegSettingsReaderTest, SettingsShapeTheLoggerAtItsStartAndChangesApplyWhileItRuns)
 {
-    Set("logLevel", "debugging"); // unknown before the start: the level stays
+    Set("logLevel", "Debug");
     Set("logToStdout", "1");
     Set("useLocalTime", "no");
     Set("logMaxNumFiles", "7");
     Set("logRemoteAddress", "collector.example"); // no socket writer is switched on: not read
     StartWithSettings();
-    EXPECT_EQ(logger->GetLevel(), LOG_LEVEL_INFO);
+    EXPECT_EQ(logger->GetLevel(), LOG_LEVEL_DEBUG);
     EXPECT_FALSE(logger->UsesLocalTime());
     EXPECT_TRUE(logger->FindWriter(LogWriter::kStdOutWriter));
     EXPECT_FALSE(logger->FindWriter(LogWriter::kSocketWriter));
@@ -231,12 +235,12 @@ TEST_F(RegSettingsReaderTest, SettingsShapeTheLoggerAtItsStartAndChangesApplyWhi
     // Switching the file off: its own message still reaches it, later lines do not.
     Set("logEnabled", "false");
     ASSERT_TRUE(WaitUntil([&] { return !writer->IsEnabled(); }));
-    Set("logLevel", "debugging"); // unknown while running: NEVER
+    Set("logLevel", "debugging"); // unknown, not taken for DEBUG: NEVER
     ASSERT_TRUE(WaitUntil([&] { return logger->GetLevel() == LOG_LEVEL_NEVER; }));
     Log("After()", LOG_LEVEL_ALWAYS, "not in the file");
     const std::string text = Finish();
     for (const char* line :
-         {"A Log Level: INFO (read from HKLM\\Software\\Corvanta\\Veltrane\\TOLV\\logLevel)\n",
+         {"A Log Level: DEBUG (read from HKLM\\Software\\Corvanta\\Veltrane\\TOLV\\logLevel)\n",
           "A RegistryReader: logLevel changed to WARN\n",
           "A RegistryReader: FILE - logMaxNumFiles changed to 5\n",
           "A RegistryReader: logLevel changed to INFO\n",
