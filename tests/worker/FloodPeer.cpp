@@ -11,9 +11,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdlib>
-#include <mutex>
+#include <future>
 
 using namespace tolv::worker;
 using namespace tamsel::ipc;
@@ -24,16 +24,13 @@ int main(int argc, char** argv)
     const auto path = argc == 5 ? tolv::platform::Utf8ToUtf16(argv[2]) : std::nullopt;
     if (!path || !UUID_ConvertPackedToBin(&endpoint, argv[1]))
         return 2;
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool queried = false;
+    std::promise<void> queried;
+    std::atomic<bool> first{true};
     auto client = KxIpclibClient::connect(endpoint, u"tolvCommands",
                                           [&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-                                              std::unique_lock<std::mutex> lock(mutex);
-                                              if (queried || !msg || msg->size() == 0)
-                                                  changed.wait(lock, [] { return false; });  // never again
-                                              queried = true;
-                                              changed.notify_all();
+                                              if (!msg || msg->size() == 0 || !first.exchange(false))
+                                                  pause();  // never take another reply
+                                              queried.set_value();
                                           });
     if (!client)
         return 3;
@@ -44,10 +41,7 @@ int main(int argc, char** argv)
     };
     if (!send(EncodeQueryDiskRequest(1, 'E', 0, *path)))
         return 4;
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return queried; });
-    }
+    queried.get_future().wait();
     for (uint64_t i = 0; i < 64; ++i)
         if (!send(EncodeReadRequest(100 + i, 'E', 0, 0, 1u << 20)))
             return 5;
