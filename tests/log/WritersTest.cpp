@@ -206,7 +206,7 @@ TEST_F(SocketWriterTest, EachLineIsOneDatagramWithTheSyslogHeaderInUtc)
     const bool named = gethostname(host, sizeof host) == 0 && host[0] && memchr(host, '\0', sizeof host);
     EXPECT_EQ(m[2].str(), named ? host : "-");
     struct tm stamp {};
-    ASSERT_NE(strptime(m[1].str().c_str(), "%Y-%m-%dT%H:%M:%S", &stamp), nullptr) << datagram;
+    ASSERT_STREQ(strptime(m[1].str().c_str(), "%Y-%m-%dT%H:%M:%S", &stamp), "") << datagram;
     EXPECT_LT(std::llabs(static_cast<long long>(timegm(&stamp) - before)), 300LL) << datagram;
     // The address is fixed once the logger runs.
     EXPECT_FALSE(writer->SetProperty("remoteAddress", "elsewhere"));
