@@ -1,8 +1,7 @@
 #pragma once
 // What the link, stream and bootstrap tests share: recording what a stream
 // receives, a server that echoes every stream, a link listener that runs a
-// test's handler, raw blocks as a peer writes them, and starting the peer
-// program (ipcPeer).
+// test's handler, raw blocks as a peer writes them, and the peer program.
 
 #include "ShmHandOver.h"
 #include "common/ProcessProbe.h"
@@ -18,7 +17,6 @@
 
 #include <deque>
 #include <string>
-#include <vector>
 
 extern char** environ;
 
@@ -31,7 +29,7 @@ inline KxIpclibMsgCompletion Ignore()
     return [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {};
 }
 
-// What one stream received: whole messages in order, and its end.
+// What one stream received: whole messages in order, and its ends (one, or a fault).
 struct Received {
     Messages messages;
     int ends = 0;
@@ -50,25 +48,16 @@ public:
             if (msg->size() == 0 && m_onEnd)
                 m_onEnd();
             std::lock_guard<std::mutex> guard(m_lock);
-            if (msg->size() != 0) {
+            if (msg->size() != 0)
                 m_got.messages.emplace_back(msg->data(), msg->data() + msg->size());
-            } else {
+            else
                 m_got.endAfter = m_got.messages.size();
-                ++m_got.ends;
-            }
+            m_got.ends += msg->size() == 0;
             m_changed.notify_all();
         };
     }
-    bool waitMessages(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_changed.wait_for(lock, kTestDeadline, [&] { return m_got.messages.size() >= count; });
-    }
-    bool waitEnd()
-    {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_changed.wait_for(lock, kTestDeadline, [&] { return m_got.ends > 0; });
-    }
+    bool waitMessages(size_t count) { return wait([&] { return m_got.messages.size() >= count; }); }
+    bool waitEnd() { return wait([&] { return m_got.ends > 0; }); }
     Received got()
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -76,6 +65,12 @@ public:
     }
 
 private:
+    bool wait(const std::function<bool()>& done)
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_changed.wait_for(lock, kTestDeadline, done);
+    }
+
     std::function<void()> m_onEnd;
     std::mutex m_lock;
     std::condition_variable m_changed;
@@ -99,16 +94,21 @@ struct EchoServer {
         std::lock_guard<std::mutex> guard(lock);
         return names.size();
     }
-    // Waits until every stream taken has delivered its end: no delivery outlives the server then.
-    bool waitEnds()
+    std::shared_ptr<KxIpclibStream> stream(size_t index)
     {
         std::lock_guard<std::mutex> guard(lock);
-        return std::all_of(inboxes.begin(), inboxes.end(), [](Recorder& inbox) { return inbox.waitEnd(); });
+        return index < streams.size() ? streams[index].lock() : nullptr;
     }
     Messages received(size_t stream)
     {
         std::lock_guard<std::mutex> guard(lock);
         return stream < inboxes.size() ? inboxes[stream].got().messages : Messages{};
+    }
+    // Waits until every stream taken has delivered its end: no delivery outlives the server then.
+    bool waitEnds()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return std::all_of(inboxes.begin(), inboxes.end(), [](Recorder& inbox) { return inbox.waitEnd(); });
     }
     std::function<void(std::shared_ptr<KxIpclibStream>)> handler()
     {
@@ -124,7 +124,7 @@ struct EchoServer {
             auto record = inboxes.emplace_back().function();
             guard.unlock();
             std::weak_ptr<KxIpclibStream> weak = stream;
-            auto echo = [this, weak, record, index](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> msg) {
+            stream->accept({}, [this, weak, record, index](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> msg) {
                 auto self = weak.lock();
                 if (!self)
                     return;
@@ -138,8 +138,7 @@ struct EchoServer {
                 // The received message stays alive until its echo has gone out.
                 self->send(0, msg->size(), msg->data(), [msg](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {});
                 messages.add();
-            };
-            stream->accept(Flags<KxIpclibStreamFlag>(), echo);
+            });
         };
     }
 };
@@ -172,7 +171,8 @@ inline std::vector<uint8_t> Block(KxIpclibMsgType type, uint32_t blockFlags, uin
                                   const std::vector<uint8_t>& payload, uint32_t totalSize)
 {
     const uint32_t header = (blockFlags & KxIpclibBlockFirst) ? 40 : 36;
-    std::vector<uint8_t> raw(header + payload.size());
+    std::vector<uint8_t> raw(header, 0);
+    raw.insert(raw.end(), payload.begin(), payload.end());
     tolv::platform::StoreLe<uint32_t>(raw.data() + 0, static_cast<uint32_t>(type));
     tolv::platform::StoreLe<uint32_t>(raw.data() + 4, blockFlags);
     tolv::platform::StoreLe<uint64_t>(raw.data() + 12, src);
@@ -181,7 +181,6 @@ inline std::vector<uint8_t> Block(KxIpclibMsgType type, uint32_t blockFlags, uin
     tolv::platform::StoreLe<uint32_t>(raw.data() + 32, static_cast<uint32_t>(payload.size()));
     if (header == 40)
         tolv::platform::StoreLe<uint32_t>(raw.data() + 36, totalSize);
-    std::copy(payload.begin(), payload.end(), raw.begin() + header);
     return raw;
 }
 
@@ -197,21 +196,16 @@ inline pid_t SpawnPeer(std::vector<std::string> args)
     return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
 }
 
-// Waits for `pid` and forgets it: its exit code, 128 + the signal that ended it, or -1.
-inline int ExitCode(pid_t& pid)
+// Waits for `pid` (killed first when `kill`) and forgets it: its exit code,
+// 128 + the signal that ended it, or -1.
+inline int ExitCode(pid_t& pid, bool kill = false)
 {
     int status = 0;
+    if (pid > 0 && kill)
+        ::kill(pid, SIGKILL);
     const bool waited = pid > 0 && ::waitpid(pid, &status, 0) == pid;
     pid = -1;
     return !waited ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Kills a peer still running (a test that failed half-way) and reaps it.
-inline void KillPeer(pid_t& pid)
-{
-    if (pid > 0)
-        ::kill(pid, SIGKILL);
-    ExitCode(pid);
 }
 
 } // namespace tamsel::ipc::testing

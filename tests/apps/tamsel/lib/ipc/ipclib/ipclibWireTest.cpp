@@ -1,6 +1,7 @@
-// What goes over the wire, in one process: blocks and the messages they
-// rebuild, the shared-memory channels and the transfers they carry, and the
-// bootstrap datagrams; and every way bytes from an untrusted peer can be wrong.
+// What goes over the wire, in one process: statuses, ids and endpoints, blocks
+// and the messages they rebuild, the shared-memory channels and the transfers
+// they carry, and the bootstrap datagrams; and every way bytes from an
+// untrusted peer can be wrong.
 
 #include "ShmHandOver.h"
 #include "common/ProcessProbe.h"
@@ -14,6 +15,8 @@
 #include <unistd.h>
 
 #include <functional>
+#include <map>
+#include <set>
 
 using namespace tamsel::ipc;
 using tamsel::ipc::testing::PatternMessage;
@@ -50,6 +53,53 @@ Messages Cut(KxIpclibMsg& msg, uint32_t room)
 }
 
 } // namespace
+
+TEST(KxIpcStatusCode, StatusesAndStatesPrintByNameOrUnknown)
+{
+    EXPECT_EQ(fmt::format("{}", KxIpcStatusProtocolError), "ProtocolError");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpcStatusCode>(12)), "StreamClosed");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpcStatusCode>(13)), "StreamClosed");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpcStatusCode>(15)), "FunctionNotFound");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpcStatusCode>(16)), "unknown");
+    EXPECT_EQ(fmt::format("{}", KxIpclibLinkState::ShuttingDown), "ShuttingDown");
+    EXPECT_EQ(fmt::format("{}", KxIpclibMsgType::CloseAck), "CloseAck");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpclibStreamState>(5)), "unknown");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpclibMsgType>(7)), "unknown");
+    EXPECT_EQ(fmt::format("{}", static_cast<KxIpclibState>(3)), "unknown");
+}
+
+TEST(IpcIds, CarryTheirLetterTickAndANonZeroCounter)
+{
+    const uint64_t link1 = nextLinkId(), link2 = nextLinkId(), stream1 = nextStreamId(), stream2 = nextStreamId();
+    EXPECT_EQ(link1 >> 56, 0x4Cu);
+    EXPECT_EQ(stream1 >> 56, 0x53u);
+    EXPECT_NE(link1 & 0xFFFFFFFF, 0u);
+    EXPECT_EQ((link2 & 0xFFFFFFFF) - (link1 & 0xFFFFFFFF), 1u);  // one counter per kind
+    EXPECT_EQ((stream2 & 0xFFFFFFFF) - (stream1 & 0xFFFFFFFF), 1u);
+    // The tick part is a 24-bit millisecond count: ids made a moment apart
+    // differ by the few milliseconds that passed (modulo 2^24).
+    EXPECT_LT((((stream2 >> 32) & 0xFFFFFF) - ((stream1 >> 32) & 0xFFFFFF)) & 0xFFFFFF, 10000u);
+    const uint64_t msg1 = nextMsgId();
+    EXPECT_TRUE(msg1 != 0 && nextMsgId() == msg1 + 1);
+    std::set<uint64_t> unique;
+    for (int i = 0; i < 10000; ++i)
+        unique.insert(nextStreamId());
+    EXPECT_EQ(unique.size(), 10000u);
+}
+
+TEST(Endpoint, PrintsAsTextAndOrdersByItsBytes)
+{
+    const _GUID ep{0x875ac244, 0xb80a, 0x420e, {0x90, 0xa2, 0x9c, 0x69, 0xdf, 0xd8, 0xe7, 0x28}};
+    EXPECT_EQ(fmt::format("{}", ep), "875ac244-b80a-420e-90a2-9c69dfd8e728");
+    // The first 8 bytes as a big-endian number: in memory Data1 is little-endian,
+    // so 0x00000002 (bytes 02 00 00 00) sorts after 0x01000000 (00 00 00 01).
+    const _GUID small{0x01000000, 0, 0, {}}, big{0x00000002, 0, 0, {}};
+    const _GUID tail1{7, 7, 7, {0, 0, 0, 0, 0, 0, 0, 1}}, tail2{7, 7, 7, {0, 0, 0, 0, 0, 0, 1, 0}};
+    EXPECT_TRUE(endpointLess(small, big) && !endpointLess(big, small));
+    EXPECT_TRUE(endpointLess(tail1, tail2) && !endpointLess(tail1, tail1));
+    EXPECT_TRUE(endpointEqual(tail1, tail1) && !endpointEqual(tail1, tail2));
+    EXPECT_EQ((std::map<_GUID, int, EndpointLess>{{tail2, 2}, {tail1, 1}}.begin()->second), 1);
+}
 
 TEST(KxIpclibBlock, BlocksHaveTheWireLayoutAndReassembleIntoTheSameMessage)
 {
