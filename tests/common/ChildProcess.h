@@ -22,9 +22,8 @@ public:
     ~ChildProcess();
 
     pid_t pid() const { return m_pid; }
-    // The exit code as a signed byte (so -1 reads as -1); -1000 - signal when
-    // killed by a signal; -2000 when it overran `timeout` (it is killed then);
-    // -3000 when it never started.
+    // The exit code as a signed byte (-1 reads as -1); -1000 - signal when killed
+    // by one; -2000 when it overran `timeout` (then killed); -3000 if never started.
     int Wait(std::chrono::milliseconds timeout = std::chrono::minutes(2));
     void Kill(int signal);
     std::string Stdout() const { return ReadFile(m_dir.file("stdout")); }

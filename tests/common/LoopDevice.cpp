@@ -67,8 +67,7 @@ std::unique_ptr<LoopDevice> LoopDevice::Attach(const std::string& image, bool re
 
 LoopDevice::~LoopDevice()
 {
-    // With nothing mounted, letting go of our descriptor detaches the device
-    // (autoclear) once the service has closed its own.
+    // Unmounted, it detaches (autoclear) once the last descriptor closes.
     for (const auto& point : MountPoints())
         ::umount2(point.c_str(), MNT_DETACH);
 }

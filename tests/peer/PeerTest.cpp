@@ -143,8 +143,6 @@ TEST(DriveClient, RepliesFindTheirRequestsWhateverTheirOrderUntilTheChannelGoesD
         sent.push_back(std::move(record));
         return true;
     });
-    for (uint64_t i = 0; i < 5; ++i)
-        ASSERT_NE(client.NextIoContext(), DR_IOCONTEXT_NO_RESPONSE);
     const uint64_t a = client.NextIoContext();
     const uint64_t b = client.NextIoContext();
     ASSERT_NE(a, b);

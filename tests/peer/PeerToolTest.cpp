@@ -1,6 +1,5 @@
-// veltrane-protocol.exe as a person or a script meets it: what goes to which
-// stream, the words of a failure, the numbers it takes, mounted devices,
-// progress and interrupts. Real programs, real files and loop devices.
+// veltrane-protocol.exe as a person or a script meets it, with real programs,
+// files and loop devices.
 
 #include "common/ProcessProbe.h"
 #include "common/WorkerInstallation.h"
@@ -12,6 +11,7 @@
 #include <csignal>
 #include <fstream>
 #include <regex>
+#include <tuple>
 
 using namespace std::string_literals;
 
@@ -24,12 +24,8 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
     ASSERT_EQ(mkfifo(install.file("fifo").c_str(), 0600), 0);
     WritePatternFile(install.file("locked"), 4096);
     chmod(install.file("locked").c_str(), 0400);
-    struct Case {
-        std::string path;
-        std::string words;
-        bool byKind;  // refused for its file system, not by the open
-    };
-    std::vector<Case> cases = {
+    // Path, the words the peer says, and whether it is refused for its file system.
+    std::vector<std::tuple<std::string, std::string, bool>> cases = {
         {install.file("missing"), "no such file or directory", false},
         {install.file("folder"), "is a directory", false},
         {"/dev/null", "not a regular file or block device", false},
@@ -50,20 +46,18 @@ TEST(PeerTool, AFailedQuerySaysWhyInWordsThenTheStatusAndWhereTheLogIs)
     }
     if (!sys.empty())
         cases.push_back({sys, "a file of a sysfs file system, not storage", access(sys.c_str(), W_OK) == 0});
-    for (const Case& c : cases) {
-        const auto run = install.Peer({"query", "E", c.path});
-        EXPECT_EQ(run.code, 1) << c.path;
-        EXPECT_EQ(run.out, "") << c.path;
-        EXPECT_THAT(run.err, HasSubstr("drive E: " + c.path + ": " + c.words +
+    for (const auto& [path, words, byKind] : cases) {
+        const auto run = install.Peer({"query", "E", path});
+        EXPECT_EQ(run.code, 1) << path;
+        EXPECT_EQ(run.out, "") << path;
+        EXPECT_THAT(run.err, HasSubstr("drive E: " + path + ": " + words +
                                        " (query failed: STATUS_UNSUCCESSFUL (0xC0000001)"));
         // The worker's own log file, which gives the errno of the open.
         std::smatch log;
         ASSERT_TRUE(std::regex_search(run.err, log, std::regex("the worker's log: (.*)"))) << run.err;
         EXPECT_EQ(log[1].str().rfind(install.file("tmp/corvanta-" + std::to_string(geteuid()) + "/"), 0), 0u);
-        EXPECT_THAT(ReadFile(log[1]), HasSubstr("Openning " + c.path + " failed with errno "));
-        if (c.byKind) {
-            EXPECT_THAT(ReadFile(log[1]), HasSubstr(c.path + " failed with errno 124 (Wrong medium type)."));
-        }
+        EXPECT_THAT(ReadFile(log[1]), HasSubstr("Openning " + path + " failed with errno " +
+                                                (byKind ? "124 (Wrong medium type)." : "")));
     }
     EXPECT_THAT(install.WorkerLog(), HasSubstr("/proc/self/mem is a file of a proc file system (type 0x9fa0), not "
                                                "storage; refused."));

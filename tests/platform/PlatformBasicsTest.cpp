@@ -12,12 +12,9 @@
 
 using namespace tolv::platform;
 
-namespace {
-bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
-} // namespace
-
 TEST(UniqueFd, ClosesOnceAndMovesOwnership)
 {
+    const auto IsOpen = [](int fd) { return ::fcntl(fd, F_GETFD) != -1; };
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
     {

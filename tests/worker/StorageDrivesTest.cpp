@@ -165,9 +165,6 @@ TEST(DrivePath, DeviceNamesMapUnderDevAndNothingLeavesIt)
         {std::u16string{u'/', u'\xD800'}, refused}};
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(DrivePathToLinux(rows[i].first).value_or(refused), rows[i].second) << "row " << i;
-    EXPECT_TRUE(IsDevicePath(u"\\\\.\\E:"));
-    EXPECT_FALSE(IsDevicePath(u"\\\\?\\E:"));
-    EXPECT_FALSE(IsDevicePath(u"\\\\"));
 }
 
 TEST(MountTable, MatchesTheDeviceAndDecodesEscapes)

@@ -86,7 +86,6 @@ TEST(WorkerProcess, BadArgumentsEndWithMinusOneBeforeAnyIpcAndNobodyConnectingWi
     }
     EXPECT_THAT(install.WorkerLog(), HasSubstr("Unexpected args."));
     EXPECT_THAT(install.WorkerLog(), HasSubstr("Unexpected ipc Endpoint: not-a-guid."));
-    EXPECT_THAT(install.WorkerLog(), Not(HasSubstr("Listening on the endpoint")));
     EXPECT_EQ(ReadAllFiles(install.file("run")), "");  // no endpoint socket was ever made
 
     EXPECT_EQ(install.StartWorker()->Wait(std::chrono::seconds(60)), 0);  // after 5 s
@@ -94,15 +93,13 @@ TEST(WorkerProcess, BadArgumentsEndWithMinusOneBeforeAnyIpcAndNobodyConnectingWi
     for (const std::string& line : {"Listening on the endpoint "s + kEndpoint + ".", "Check the conneciton count: 0."s,
                                     "Quit for there are no connections."s, "*** LOG FILE COMPLETE ***"s})
         EXPECT_THAT(log, HasSubstr(line));
-    // The start-up block: the worker's version, its session (this test's), the system.
+    // The start-up block: the worker's version and its session (this test's).
     const std::string version = ProcessUtils::GetModuleVersionText(install.worker());
-    EXPECT_EQ(version.rfind("version=", 0), 0u);
     const std::string session =
         std::to_string(static_cast<int>(ProcessUtils::GetSessionID(false, ProcessUtils::kNoSession)));
     const size_t block = log.find("tolvClientWorker: " + version + ", buildtype=");
     ASSERT_NE(block, std::string::npos) << log;
     EXPECT_EQ(log.substr(log.find("/x64", block), 16 + session.size()), "/x64, sessionId=" + session) << log;
-    EXPECT_THAT(log, HasSubstr("OS Version: " + ProcessUtils::GetOSVersionText()));
 }
 
 TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
@@ -128,10 +125,8 @@ TEST(WorkerAdmission, OnlyThePeerBesideTheWorkerOnTheCommandStream)
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "drive E: " + data + ": 4096 bytes, writable, a regular file (no geometry)\n");
     EXPECT_EQ(worker->Wait(), 0);
-    for (const std::string& line : {"The connection from (" + stranger + ")", "The connection from (" + otherCase + ")",
-                                    "Unknown connection (tolvcommands) from (pid: "s, "New connection from (pid: "s,
-                                    "All channels are down."s})
-        EXPECT_THAT(install.WorkerLog(), HasSubstr(line));
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("The connection from (" + stranger + ")"));
+    EXPECT_THAT(install.WorkerLog(), HasSubstr("Unknown connection (tolvcommands) from (pid: "));
 }
 
 TEST(WorkerDrives, FileRangesAndWholeCopiesAreByteExactAndFailuresNameTheStatus)
