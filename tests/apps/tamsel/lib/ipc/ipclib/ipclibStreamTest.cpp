@@ -210,8 +210,29 @@ TEST_F(StreamPair, RefusedOrUnansweredOpensReachTheOpenerAndLeaveNoStream)
     closeLinks();  // before `inbox` goes
 }
 
-TEST_F(StreamPair, CloseFromTheOpenerDeliversEndOfStreamOnceAfterAllDataAndOnlyALinkClosingEndsItsStreams)
+TEST_F(StreamPair, ClosesFromEitherOrBothSidesDeliverEachEndOnceAfterAllDataAndOnlyALinkClosingEndsItsStreams)
 {
+    // A lost answer would wait for the close timer: an hour here.
+    KxIpclibStream::setCloseTimeoutForTesting(std::chrono::hours(1));
+    std::mutex mutex;
+    StreamPtr crossing;
+    std::unique_lock<std::mutex> guard(mutex);
+    auto crossed = open([&] {  // closes again in its end-of-stream callback
+        std::lock_guard<std::mutex> relock(mutex);
+        crossing->close(1000ms);
+    });
+    crossing = std::get<0>(crossed);
+    ASSERT_TRUE(crossing);
+    // Both sides close at once: whichever way the two "Close" messages cross, both ends finish.
+    std::thread closer([&] { std::get<2>(crossed)->close(1000ms); });
+    crossing->close(1000ms);
+    guard.unlock();
+    closer.join();
+    ASSERT_TRUE(std::get<1>(crossed)->waitEnd() && std::get<3>(crossed)->waitEnd());
+    EXPECT_EQ(std::get<1>(crossed)->got().ends + std::get<3>(crossed)->got().ends, 2);
+    EXPECT_EQ(crossing->state(), KxIpclibStreamState::Closed);
+    EXPECT_EQ(std::get<2>(crossed)->state(), KxIpclibStreamState::Closed);
+
     auto [other, otherInbox, otherPeer, otherPeerInbox] = open();
     auto [stream, inbox, peer, peerInbox] = open();
     ASSERT_TRUE(stream && other);
@@ -247,6 +268,7 @@ TEST_F(StreamPair, CloseFromTheOpenerDeliversEndOfStreamOnceAfterAllDataAndOnlyA
     EXPECT_EQ(client->addStream(late), KxIpcStatusInvalidState);
     EXPECT_EQ(other->send(0, 4, "late", Ignore()).error(), KxIpcStatusInvalidState);
     EXPECT_EQ(clientClosed.value(), 1);
+    closeLinks();  // before the callback's locals go
 }
 
 TEST_F(StreamPair, ThePeerMaySendUntilItClosesItselfEvenRightBehindTheAcknowledgement)
@@ -289,32 +311,6 @@ TEST_F(StreamPair, ThePeerMaySendUntilItClosesItselfEvenRightBehindTheAcknowledg
         EXPECT_TRUE(WaitUntil([&] { return client->streamCount() + server->streamCount() == 0; }));
         EXPECT_EQ(executor->openTaskCount(), tasksBefore);
     }
-}
-
-TEST_F(StreamPair, BothSidesClosingAtOnceEachSeeEndOfStreamOnce)
-{
-    // Whichever way the two "Close" messages cross, both ends finish without
-    // their timers (an hour here, so a lost answer would fail the test).
-    KxIpclibStream::setCloseTimeoutForTesting(std::chrono::hours(1));
-    std::mutex mutex;
-    StreamPtr stream;
-    auto opened = open([&] {
-        std::lock_guard<std::mutex> guard(mutex);
-        stream->close(1000ms);
-    });
-    std::unique_lock<std::mutex> guard(mutex);
-    stream = std::get<0>(opened);
-    ASSERT_TRUE(stream);
-    auto peer = std::get<2>(opened);
-    std::thread other([&] { peer->close(1000ms); });
-    stream->close(1000ms);
-    guard.unlock();
-    other.join();
-    ASSERT_TRUE(std::get<1>(opened)->waitEnd() && std::get<3>(opened)->waitEnd());
-    EXPECT_EQ(std::get<1>(opened)->got().ends + std::get<3>(opened)->got().ends, 2);
-    EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
-    EXPECT_EQ(peer->state(), KxIpclibStreamState::Closed);
-    closeLinks();  // before the callback's locals go
 }
 
 TEST_F(StreamPair, OnlyAFiniteCloseTimeOutArmsTheTimerThatEndsAnUnansweredClose)

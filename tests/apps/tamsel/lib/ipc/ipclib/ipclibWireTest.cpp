@@ -113,7 +113,8 @@ TEST(KxIpclibBlock, BlocksHaveTheWireLayoutAndReassembleIntoTheSameMessage)
     };
     for (const auto& [size, flags, room, want] : layouts) {
         SCOPED_TRACE(size);
-        auto msg = Outgoing(Bytes(size, 1), flags);
+        const auto data = Bytes(size, 1);  // the message only references it
+        auto msg = Outgoing(data, flags);
         const auto blocks = Cut(*msg, room);
         ASSERT_EQ(blocks.size(), want.size());
         for (size_t b = 0; b < blocks.size(); ++b)
