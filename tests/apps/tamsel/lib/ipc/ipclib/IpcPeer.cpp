@@ -17,9 +17,9 @@
 
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <string>
 
 using namespace tolv::log;
@@ -32,41 +32,33 @@ using Streams = std::vector<std::shared_ptr<KxIpclibStream>>;
 
 void Ignore(KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {}
 
-// What one stream has received of the pattern messages, and its end.
-struct Echoes {
-    std::mutex lock;
-    std::condition_variable changed;
-    uint32_t received = 0;
-    uint32_t wrong = 0;
-    bool ended = false;
-
-    // A receive function that checks message `index` of `stream` against the pattern.
-    KxIpclibRecvFunction checker(uint32_t stream, const std::vector<uint32_t>& sizes)
-    {
-        return [this, stream, &sizes](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
-            std::lock_guard<std::mutex> guard(lock);
-            if (msg->size() == 0) {
-                ended = true;
-            } else {
-                const auto want = PatternMessage(stream, received, sizes[received % sizes.size()]);
-                wrong += msg->size() != want.size() || std::memcmp(msg->data(), want.data(), want.size()) != 0;
-                ++received;
-            }
-            changed.notify_all();
-        };
-    }
-    bool wait(const std::function<bool()>& done, int seconds = 60)
-    {
-        std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, std::chrono::seconds(seconds), done);
-    }
-};
-
-// Sends every size on each stream, waits for every echo, closes the streams
-// and waits for their ends: 0 when every echo matched.
-int EchoOver(Streams& streams, std::vector<Echoes>& echoes, const std::vector<uint32_t>& sizes)
+int Connect(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc, bool hold)
 {
-    std::vector<std::vector<std::vector<uint8_t>>> sent(streams.size());  // sends do not copy
+    const auto sizes = MessageSizes(kPeerSection);
+    std::deque<Recorder> echoes(count);
+    KxIpclibClientOptions options;
+    options.procedure = proc;
+    options.sectionSize = kPeerSection;
+    auto client = KxIpclibClient::connect(ep, u"tolvCommands", echoes[0].function(), options);
+    if (!client)
+        return 10 + static_cast<int>(client.error());
+    Streams streams = {(*client)->firstStream()};
+    if (hold) {
+        // The server's uninit closes our stream, then the link.
+        static const uint8_t hello[] = {'h', 'i'};
+        if (!streams[0]->send(0, sizeof hello, hello, Ignore) || !echoes[0].waitEnd())
+            return 1;
+        streams[0]->close(std::chrono::milliseconds(5000));
+        return (*client)->waitLinkClosed(std::chrono::seconds(60)) ? 0 : 1;
+    }
+    for (uint32_t s = 1; s < count; ++s) {
+        auto more = (*client)->openStream(u"stream" + std::u16string(1, char16_t(u'0' + s)), echoes[s].function());
+        if (!more)
+            return 2;
+        streams.push_back(*more);
+    }
+    // Every size on each stream; sends do not copy.
+    std::vector<Messages> sent(streams.size());
     for (uint32_t i = 0; i < sizes.size(); ++i)
         for (uint32_t s = 0; s < streams.size(); ++s) {
             sent[s].push_back(PatternMessage(s, i, sizes[i]));
@@ -74,45 +66,14 @@ int EchoOver(Streams& streams, std::vector<Echoes>& echoes, const std::vector<ui
                 return 1;
         }
     int result = 0;
-    for (auto& e : echoes)
-        if (!e.wait([&] { return e.received == sizes.size(); }) || e.wrong != 0)
-            result = 1;
-    for (auto& stream : streams) {
-        stream->waitForOutstandingSends(0, std::chrono::seconds(30));
-        stream->close(std::chrono::milliseconds(5000));
+    for (uint32_t s = 0; s < streams.size(); ++s) {
+        result |= !echoes[s].waitMessages(sizes.size()) || echoes[s].got().messages != sent[s];
+        streams[s]->waitForOutstandingSends(0, std::chrono::seconds(30));
+        streams[s]->close(std::chrono::milliseconds(5000));
     }
     for (auto& e : echoes)
-        e.wait([&] { return e.ended; }, 30);
+        e.waitEnd();
     streams.clear();
-    return result;
-}
-
-int Connect(const _GUID& ep, uint32_t count, KxIpclibBootstrapProc proc, bool hold)
-{
-    static const std::vector<uint32_t> sizes = MessageSizes(kPeerSection);
-    std::vector<Echoes> echoes(count);
-    KxIpclibClientOptions options;
-    options.procedure = proc;
-    options.sectionSize = kPeerSection;
-    auto client = KxIpclibClient::connect(ep, u"tolvCommands", echoes[0].checker(0, sizes), options);
-    if (!client)
-        return 10 + static_cast<int>(client.error());
-    Streams streams = {(*client)->firstStream()};
-    if (hold) {
-        // The server's uninit closes our stream, then the link.
-        static const uint8_t hello[] = {'h', 'i'};
-        if (!streams[0]->send(0, sizeof hello, hello, Ignore) || !echoes[0].wait([&] { return echoes[0].ended; }))
-            return 1;
-        streams[0]->close(std::chrono::milliseconds(5000));
-        return (*client)->waitLinkClosed(std::chrono::seconds(60)) ? 0 : 1;
-    }
-    for (uint32_t s = 1; s < count; ++s) {
-        auto more = (*client)->openStream(u"stream" + std::u16string(1, char16_t(u'0' + s)), echoes[s].checker(s, sizes));
-        if (!more)
-            return 2;
-        streams.push_back(*more);
-    }
-    const int result = EchoOver(streams, echoes, sizes);
     return (*client)->close() ? result : 1;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
-// What the link, stream and bootstrap tests share: recording what a stream
-// receives, a server that echoes every stream, a link listener that runs a
-// test's handler, raw blocks as a peer writes them, and the peer program.
+// What the link, stream and bootstrap tests share: a server that echoes every
+// stream, a link listener that runs a test's handler, raw blocks as a peer
+// writes them, and the peer program.
 
 #include "ShmHandOver.h"
 #include "common/ProcessProbe.h"
@@ -22,60 +22,10 @@ extern char** environ;
 
 namespace tamsel::ipc::testing {
 
-using Messages = std::vector<std::vector<uint8_t>>;
-
 inline KxIpclibMsgCompletion Ignore()
 {
     return [](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg>) {};
 }
-
-// What one stream received: whole messages in order, and its ends (one, or a fault).
-struct Received {
-    Messages messages;
-    int ends = 0;
-    size_t endAfter = 0;  // messages delivered before the end
-};
-
-class Recorder {
-public:
-    // `onEnd` runs in the end-of-stream delivery, before the end is recorded.
-    explicit Recorder(std::function<void()> onEnd = nullptr) : m_onEnd(std::move(onEnd)) {}
-
-    KxIpclibRecvFunction function()
-    {
-        return [this](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> msg) {
-            EXPECT_EQ(status, KxIpcStatusSuccess);
-            if (msg->size() == 0 && m_onEnd)
-                m_onEnd();
-            std::lock_guard<std::mutex> guard(m_lock);
-            if (msg->size() != 0)
-                m_got.messages.emplace_back(msg->data(), msg->data() + msg->size());
-            else
-                m_got.endAfter = m_got.messages.size();
-            m_got.ends += msg->size() == 0;
-            m_changed.notify_all();
-        };
-    }
-    bool waitMessages(size_t count) { return wait([&] { return m_got.messages.size() >= count; }); }
-    bool waitEnd() { return wait([&] { return m_got.ends > 0; }); }
-    Received got()
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_got;
-    }
-
-private:
-    bool wait(const std::function<bool()>& done)
-    {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_changed.wait_for(lock, kTestDeadline, done);
-    }
-
-    std::function<void()> m_onEnd;
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    Received m_got;
-};
 
 // Accepts every stream offered (or refuses it with `rejectWith`), records and
 // echoes every message, and closes each stream when its peer does. Streams are

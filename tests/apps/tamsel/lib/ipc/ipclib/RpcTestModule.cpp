@@ -1,36 +1,29 @@
 // A registration module for the tests: serves the registered endpoint's socket
 // itself (one endpoint at a time) and hands every request to the library's
-// callback. Hooks let the tests set what IsRpcServerRegistered reports and see
-// the unregistrations and what the callback returned.
+// callback. The tests reach its state through the symbol "testModule".
 
-#include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
+#include "RpcTestModule.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
+extern "C" {
+__attribute__((visibility("default"))) TestModuleState testModule;  // a definition, in braces
+}
+
 namespace {
 
-std::mutex g_mutex;
-int g_socket = -1;  // the endpoint's listening socket while registered
+int g_socket = -1;  // the endpoint's listening socket while registered; guarded by testModule.mutex
 std::string g_path;
 std::thread g_server;
-std::atomic<int> g_unregisters{0};
-std::atomic<uint8_t> g_reportRegistered{0};
-std::condition_variable g_resultAdded;
-std::vector<uint32_t> g_results;  // what the library's callback returned, call by call
 
 void Serve(int socket, KxIpclibCreateLinkCallbackFn callback)
 {
@@ -57,9 +50,9 @@ void Serve(int socket, KxIpclibCreateLinkCallbackFn callback)
             continue;
         }
         const uint32_t result = callback(conn, buf, static_cast<size_t>(n), pipe);
-        std::lock_guard<std::mutex> guard(g_mutex);
-        g_results.push_back(result);
-        g_resultAdded.notify_all();
+        std::lock_guard<std::mutex> guard(testModule.mutex);
+        testModule.results.push_back(result);
+        testModule.changed.notify_all();
     }
 }
 
@@ -67,14 +60,14 @@ void Serve(int socket, KxIpclibCreateLinkCallbackFn callback)
 
 EXPORT uint8_t IsRpcServerRegistered(void)
 {
-    std::lock_guard<std::mutex> guard(g_mutex);
-    return g_reportRegistered.load() || g_socket >= 0;
+    std::lock_guard<std::mutex> guard(testModule.mutex);
+    return testModule.reportRegistered || g_socket >= 0;
 }
 
 EXPORT uint32_t RpcServerRegisterV2(const _GUID* endpoint, KxIpclibCreateLinkCallbackFn callback,
                                     KxIpclibModuleTraceFn trace, const void*)
 {
-    std::lock_guard<std::mutex> guard(g_mutex);
+    std::lock_guard<std::mutex> guard(testModule.mutex);
     const char* dir = std::getenv("IPCLIB_RUNTIME_DIR");
     if (!dir || !endpoint || !callback || g_socket >= 0)
         return tamsel::ipc::kSysInvalidParameter;
@@ -96,7 +89,7 @@ EXPORT uint32_t RpcServerRegisterV2(const _GUID* endpoint, KxIpclibCreateLinkCal
 
 EXPORT uint32_t RpcServerUnregister(const _GUID*, KxIpclibModuleTraceFn)
 {
-    std::unique_lock<std::mutex> guard(g_mutex);
+    std::unique_lock<std::mutex> guard(testModule.mutex);
     if (g_socket < 0)
         return tamsel::ipc::kSysServerUnavailable;
     ::shutdown(g_socket, SHUT_RDWR);
@@ -106,32 +99,6 @@ EXPORT uint32_t RpcServerUnregister(const _GUID*, KxIpclibModuleTraceFn)
     ::close(g_socket);
     g_socket = -1;
     ::unlink(g_path.c_str());
-    ++g_unregisters;
+    ++testModule.unregisters;
     return 0;
-}
-
-EXPORT void TestModuleSetRegistered(uint8_t value)
-{
-    g_reportRegistered = value;
-}
-
-EXPORT int TestModuleUnregisterCalls(void)
-{
-    return g_unregisters.load();
-}
-
-EXPORT size_t TestModuleCallbackCount(void)
-{
-    std::lock_guard<std::mutex> guard(g_mutex);
-    return g_results.size();
-}
-
-// Waits up to timeoutMs for the callback's result number `index` (from 0); false when it did not come.
-EXPORT bool TestModuleCallbackResult(size_t index, int timeoutMs, uint32_t* result)
-{
-    std::unique_lock<std::mutex> lock(g_mutex);
-    if (!g_resultAdded.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return g_results.size() > index; }))
-        return false;
-    *result = g_results[index];
-    return true;
 }

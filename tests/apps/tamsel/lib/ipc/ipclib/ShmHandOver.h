@@ -1,16 +1,19 @@
 #pragma once
 // Shared by the tests, their peer program and the link benchmark: handing a
 // link's channel descriptors to another process over a Unix socket
-// (SCM_RIGHTS), as the bootstrap does, and the byte pattern both sides check.
+// (SCM_RIGHTS), as the bootstrap does, the byte pattern both sides check, and
+// recording what a stream receives.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
 #include <tamsel/ipc/ipclibStream.h>
+#include "task/TaskTestSupport.h"
 
 #include <sys/socket.h>
 
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 namespace tamsel::ipc::testing {
@@ -95,5 +98,54 @@ inline std::vector<uint32_t> MessageSizes(uint32_t section)
 {
     return {1, 2, 63, 64, 1000, section - 28 - 40, section - 28 - 39, section, section + 1, 3 * section + 17};
 }
+
+using Messages = std::vector<std::vector<uint8_t>>;
+
+// What one stream received: whole messages in order, and its ends (one, or a fault).
+struct Received {
+    Messages messages;
+    int ends = 0;
+    size_t endAfter = 0;  // messages delivered before the end
+};
+
+class Recorder {
+public:
+    // `onEnd` runs in the end-of-stream delivery, before the end is recorded.
+    explicit Recorder(std::function<void()> onEnd = nullptr) : m_onEnd(std::move(onEnd)) {}
+
+    KxIpclibRecvFunction function()
+    {
+        return [this](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+            if (msg->size() == 0 && m_onEnd)
+                m_onEnd();
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (msg->size() != 0)
+                m_got.messages.emplace_back(msg->data(), msg->data() + msg->size());
+            else
+                m_got.endAfter = m_got.messages.size();
+            m_got.ends += msg->size() == 0;
+            m_changed.notify_all();
+        };
+    }
+    bool waitMessages(size_t count) { return wait([&] { return m_got.messages.size() >= count; }); }
+    bool waitEnd() { return wait([&] { return m_got.ends > 0; }); }
+    Received got()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_got;
+    }
+
+private:
+    bool wait(const std::function<bool()>& done)
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_changed.wait_for(lock, kTestDeadline, done);
+    }
+
+    std::function<void()> m_onEnd;
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    Received m_got;
+};
 
 } // namespace tamsel::ipc::testing

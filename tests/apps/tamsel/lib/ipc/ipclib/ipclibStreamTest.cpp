@@ -154,14 +154,11 @@ TEST_F(StreamPair, MessagesOfManySizesFromSeveralThreadsArriveWholeAndInOrderBot
         ASSERT_TRUE(std::get<0>(pairs.back()) && std::get<2>(pairs.back()));
     }
     const auto& [stream, inbox, peer, peerInbox] = pairs[0];
-    EXPECT_EQ(stream->peerStreamId(), peer->streamId());
-    EXPECT_EQ(peer->peerStreamId(), stream->streamId());
     const char four[4] = {1, 2, 3, 4};
     EXPECT_EQ(stream->send(0, 0, four, Ignore()).error(), KxIpcStatusInvalidParam);
     EXPECT_EQ(stream->send(0, 4, nullptr, Ignore()).error(), KxIpcStatusInvalidParam);
     EXPECT_EQ(stream->send(1, 4, four, Ignore()).error(), KxIpcStatusInvalidParam);
     EXPECT_EQ(stream->send(0, 4, four, nullptr).error(), KxIpcStatusInvalidParam);
-    EXPECT_EQ(stream->outstandingSends(), 0u);
     EXPECT_EQ(stream->accept(Flags<KxIpclibStreamFlag>(), inbox->function()), KxIpcStatusInvalidState);
     EXPECT_EQ(stream->reject(KxIpcStatusAccessDenied), KxIpcStatusInvalidState);
 
@@ -186,8 +183,7 @@ TEST_F(StreamPair, MessagesOfManySizesFromSeveralThreadsArriveWholeAndInOrderBot
         ASSERT_TRUE(theirInbox->waitMessages(sent.size()) && ourInbox->waitMessages(sent.size()));
         EXPECT_TRUE(theirInbox->got().messages == sent && ourInbox->got().messages == sent);
         EXPECT_TRUE(ours->waitForOutstandingSends(0, 30s) && theirs->waitForOutstandingSends(0, 30s));
-        EXPECT_EQ(ours->msgsSent(), sent.size());
-        EXPECT_EQ(theirs->msgsReceived(), sent.size());
+        EXPECT_TRUE(ours->msgsSent() == sent.size() && theirs->msgsReceived() == sent.size());
         EXPECT_EQ(theirs->bytesReceived(), ours->bytesSent());
     }
 }
@@ -230,8 +226,8 @@ TEST_F(StreamPair, ClosesFromEitherOrBothSidesDeliverEachEndOnceAfterAllDataAndO
     closer.join();
     ASSERT_TRUE(std::get<1>(crossed)->waitEnd() && std::get<3>(crossed)->waitEnd());
     EXPECT_EQ(std::get<1>(crossed)->got().ends + std::get<3>(crossed)->got().ends, 2);
-    EXPECT_EQ(crossing->state(), KxIpclibStreamState::Closed);
-    EXPECT_EQ(std::get<2>(crossed)->state(), KxIpclibStreamState::Closed);
+    EXPECT_TRUE(crossing->state() == KxIpclibStreamState::Closed &&
+                std::get<2>(crossed)->state() == KxIpclibStreamState::Closed);
 
     auto [other, otherInbox, otherPeer, otherPeerInbox] = open();
     auto [stream, inbox, peer, peerInbox] = open();
