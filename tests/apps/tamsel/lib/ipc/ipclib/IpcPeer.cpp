@@ -106,8 +106,9 @@ int main(int argc, char** argv)
     const std::string mode = argc >= 3 ? argv[1] : "";
     unsigned d4[8];
     _GUID ep{};
-    if (mode.empty() || std::sscanf(argv[2], "%8x-%4hx-%4hx-%2x%2x-%2x%2x%2x%2x%2x%2x", &ep.Data1, &ep.Data2, &ep.Data3,
-                                    &d4[0], &d4[1], &d4[2], &d4[3], &d4[4], &d4[5], &d4[6], &d4[7]) != 11)
+    const char* format = "%8x-%4hx-%4hx-%2x%2x-%2x%2x%2x%2x%2x%2x";
+    if (mode.empty() || std::sscanf(argv[2], format, &ep.Data1, &ep.Data2, &ep.Data3, &d4[0], &d4[1], &d4[2],
+                                    &d4[3], &d4[4], &d4[5], &d4[6], &d4[7]) != 11)
         return 2;
     std::copy(d4, d4 + 8, ep.Data4);
     if (mode == "server")

@@ -74,11 +74,11 @@ struct EchoServer {
             auto record = inboxes.emplace_back().function();
             guard.unlock();
             std::weak_ptr<KxIpclibStream> weak = stream;
-            stream->accept({}, [this, weak, record, index](KxIpcStatusCode status, std::shared_ptr<KxIpclibMsg> msg) {
+            stream->accept({}, [this, weak, record, index](KxIpcStatusCode s, std::shared_ptr<KxIpclibMsg> msg) {
                 auto self = weak.lock();
                 if (!self)
                     return;
-                record(status, msg);
+                record(s, msg);
                 if (msg->size() == 0) {
                     self->close(std::chrono::milliseconds::max());
                     return;
@@ -99,7 +99,7 @@ class TestLinkListener final : public KxIpclibLinkListener {
 public:
     using Handler = std::function<void(std::shared_ptr<KxIpclibStream>)>;
     TestLinkListener(std::shared_ptr<tamsel::task::TaskExecutor> executor, Handler handler)
-        : KxIpclibLinkListener(_GUID{}, Flags<KxIpclibListenerFlag>(KxIpclibListenerFlag::Local), std::move(executor),
+        : KxIpclibLinkListener(_GUID{}, KxIpclibListenerFlag::Local, std::move(executor),
                                [handler = std::move(handler)](std::shared_ptr<KxIpclibStream> stream) {
                                    handler(stream);
                                    if (stream->state() == KxIpclibStreamState::Init)

@@ -2,7 +2,9 @@
 // itself (one endpoint at a time) and hands every request to the library's
 // callback. The tests reach its state through the symbol "testModule".
 
-#include "RpcTestModule.h"
+#include "ShmHandOver.h"
+
+#include "apps/tamsel/lib/ipc/ipclib/ipclibConfig.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,8 +1,8 @@
 #pragma once
 // Shared by the tests, their peer program and the link benchmark: handing a
 // link's channel descriptors to another process over a Unix socket
-// (SCM_RIGHTS), as the bootstrap does, the byte pattern both sides check, and
-// recording what a stream receives.
+// (SCM_RIGHTS), as the bootstrap does, the byte pattern both sides check,
+// recording what a stream receives, and the test registration module's state.
 
 #include "apps/tamsel/lib/ipc/ipclib/ipclibLinkChannelResourceLinux.h"
 #include <tamsel/ipc/ipclibStream.h>
@@ -11,9 +11,11 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <vector>
 
 namespace tamsel::ipc::testing {
@@ -149,3 +151,12 @@ private:
 };
 
 } // namespace tamsel::ipc::testing
+
+// What the tests see of the registration module (RpcTestModule.cpp), once the library has loaded it.
+struct TestModuleState {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<uint32_t> results;  // what the library's callback returned, call by call
+    int unregisters = 0;
+    bool reportRegistered = false;  // what IsRpcServerRegistered says while nothing is registered
+};
