@@ -166,6 +166,8 @@ TEST(ShmLinkControl, AMessageWithBytesForTheControlStreamIsContainedAndAnOpenBeh
     EXPECT_TRUE(WaitUntil([&] { return log.Count(thrown) == 1; }));
     EXPECT_TRUE(WaitUntil([&] { return server.offered() == 1; })) << "the Open behind it was not served";
     EXPECT_EQ(hand.link->state(), KxIpclibLinkState::Connected);
+    hand.link->close();
+    EXPECT_TRUE(server.waitEnds());  // before the server goes
 }
 
 TEST_F(ShmLinkByHand, APeerThatNeverFreesTheBufferGetsNothingAndThePeerClosingItsPipeFailsTheLinkWithoutAnswer)
@@ -193,11 +195,11 @@ TEST_F(ShmLinkByHand, APeerThatNeverFreesTheBufferGetsNothingAndThePeerClosingIt
 TEST_F(ShmLinkByHand, APeerThatStoppedHasItsStreamsClosedAndTakenOutOfTheLinkAtOnce)
 {
     Counter ends;
-    Gate release;
-    auto stream = hand.acceptedStream([&](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
+    auto release = std::make_shared<Gate>();  // the callback may still leave it after the test
+    auto stream = hand.acceptedStream([&ends, release](KxIpcStatusCode, std::shared_ptr<KxIpclibMsg> msg) {
         if (msg->size() == 0) {
             ends.add();
-            release.pass();
+            release->pass();
         }
     });
     hand.peerReads.signalStop();
@@ -209,7 +211,7 @@ TEST_F(ShmLinkByHand, APeerThatStoppedHasItsStreamsClosedAndTakenOutOfTheLinkAtO
     EXPECT_TRUE(WaitUntil([&] { return link->state() == KxIpclibLinkState::Closed; }, std::chrono::seconds(5)));
     EXPECT_EQ(stream->state(), KxIpclibStreamState::Closed);
     EXPECT_FALSE(KxIpclibLinkChannelSharedMemLinux::Consume(hand.peerWrites.stopEvent()));
-    release.open();
+    release->open();
     EXPECT_EQ(ends.value(), 1);
 }
 
