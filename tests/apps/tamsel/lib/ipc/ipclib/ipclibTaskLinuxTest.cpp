@@ -43,12 +43,13 @@ TEST(KxIpclibTask, UninitDrainsOutsideTheLockEveryTaskAndClosesItWhileALinkStill
         gate.open();
     });
     holder->uninit(lock);
-    opener.join();
+    const int finishedAtReturn = finished.value();
     EXPECT_TRUE(lock.owns_lock());
+    lock.unlock();  // an uninit that returned early leaves the opener waiting for it
+    opener.join();
     EXPECT_FALSE(holder->executor());
-
     // Both submits ran before uninit returned; nothing is left and no new task is taken.
-    EXPECT_EQ(finished.value(), 2);
+    EXPECT_EQ(finishedAtReturn, 2);
     EXPECT_EQ(dynamic_cast<tamsel::task::LinuxThreadPoolExecutor&>(*held).openTaskCount(), 0u);
     EXPECT_FALSE(held->createWorkTask([](void*, void*) {}));
     EXPECT_FALSE(held->createTimerTask([] {}));
@@ -60,7 +61,6 @@ TEST(KxIpclibTask, UninitDrainsOutsideTheLockEveryTaskAndClosesItWhileALinkStill
 
     // init again after uninit; an uninit without the lock tears nothing down.
     ASSERT_EQ(holder->init(), KxIpcStatusSuccess);
-    lock.unlock();
     EXPECT_THROW(holder->uninit(lock), std::system_error);
     EXPECT_TRUE(holder->executor());
     lock.lock();
